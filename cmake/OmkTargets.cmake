@@ -1,0 +1,24 @@
+# Settings every target of the project shares.
+
+# Windows 10 APIs, wide-character Windows headers, msvcrt's own printf family
+# (so wide formats follow the Windows width rules), and strict warnings.
+function(omk_target_settings target)
+  target_compile_definitions(${target} PRIVATE
+    UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX
+    _WIN32_WINNT=0x0A00 WINVER=0x0A00 __USE_MINGW_ANSI_STDIO=0)
+  target_compile_options(${target} PRIVATE
+    $<$<COMPILE_LANGUAGE:C,CXX>:-Wall -Wextra -Werror -Wno-unknown-pragmas -Wno-cast-function-type>)
+endfunction()
+
+# A GoogleTest program run under Wine as one CTest entry.
+function(omk_add_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  omk_target_settings(${name})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} OmkTestSupport GTest::gtest_main)
+  add_test(NAME ${name} COMMAND ${name} --gtest_color=no)
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 300)
+  endif()
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()

@@ -1,0 +1,84 @@
+// What many test programs need: scratch folders inside the Wine prefix, the
+// error log read back, registry keys made and removed, child processes.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+namespace omktest {
+
+// A fresh folder under %TEMP%, removed with its contents on destruction.
+class TempFolder {
+public:
+    TempFolder();
+    ~TempFolder();
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    const std::wstring& Path() const { return path_; }
+    std::wstring File(const std::wstring& name) const { return path_ + L"\\" + name; }
+
+private:
+    std::wstring path_;
+};
+
+// Removes a folder tree; missing is fine.
+void RemoveTree(const std::wstring& path);
+
+std::string ReadFileBytes(const std::wstring& path);
+bool WriteFileBytes(const std::wstring& path, const std::string& bytes);
+bool FileExists(const std::wstring& path);
+ULONGLONG FileSize(const std::wstring& path);
+
+std::string ToUtf8(const std::wstring& text);
+std::wstring FromUtf8(const std::string& text);
+
+// Points this process's error log at a file of its own and reads back what was
+// logged after a mark.
+class ErrorLog {
+public:
+    // Sets the log name to `name` in the product log folder and empties that file.
+    explicit ErrorLog(const std::wstring& name);
+
+    const std::wstring& Path() const { return path_; }
+    // Everything logged since construction or the last Mark(), as UTF-8.
+    std::string Since() const;
+    void Mark();
+    // True when some line logged since the mark contains `text`.
+    bool Contains(const std::string& text) const { return Since().find(text) != std::string::npos; }
+    // The message parts (after time, process, thread and code) of the lines since the mark.
+    std::vector<std::string> Messages() const;
+
+private:
+    std::wstring path_;
+    ULONGLONG mark_ = 0;
+};
+
+// A registry key created for a test and deleted with its subtree afterwards.
+class ScopedRegKey {
+public:
+    ScopedRegKey(HKEY root, const std::wstring& subKey);
+    ~ScopedRegKey();
+    ScopedRegKey(const ScopedRegKey&) = delete;
+    ScopedRegKey& operator=(const ScopedRegKey&) = delete;
+
+    HKEY Get() const { return key_; }
+    LONG SetString(const wchar_t* name, const std::wstring& value, DWORD type = REG_SZ);
+    LONG SetDword(const wchar_t* name, DWORD value);
+
+private:
+    HKEY root_;
+    std::wstring subKey_;
+    HKEY key_ = nullptr;
+};
+
+// The folder of the running test program (where the build puts every binary).
+std::wstring ProgramFolder();
+
+// Starts a program and waits for it; returns its exit code, or 0xDEAD on a
+// failure to start or a time-out (after which it is terminated).
+DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000);
+
+}  // namespace omktest
