@@ -5,6 +5,7 @@
 #include <wchar.h>
 
 int g_allocCount = 0;
+wchar_t g_serviceTag[OMK_SERVICE_TAG_CHARS] = L"UNKNOWN";
 
 namespace {
 

@@ -11,6 +11,11 @@
 // read by diagnostics and tests only.
 extern int g_allocCount;
 
+// The machine's service tag as wide text; "UNKNOWN" until start-up fills it.
+// Names the error log and the alert files and is written into every alert file.
+constexpr int OMK_SERVICE_TAG_CHARS = 512;
+extern wchar_t g_serviceTag[OMK_SERVICE_TAG_CHARS];
+
 // Byte written into buffers about to receive a copy and into unused record parts.
 constexpr unsigned char OMK_FILL_BYTE = 0x24;
 
