@@ -19,8 +19,8 @@ struct ACTION_PLUGIN {
     WORD versionMinor;
     WORD versionBuild;
     WORD versionRevision;
-    wchar_t* configXml;  // malloc'd by the rule parser, freed by UnloadActionPlugins; may be null
-    PFN_Action_Initialize Action_Initialize;
+    wchar_t* configXml;                       // malloc'd by the rule parser, freed by UnloadActionPlugins; may be null
+    PFN_Action_Initialize Action_Initialize;  // the exports; Action_CloseDll cleared once called
     PFN_Action_BeginEvaluation Action_BeginEvaluation;
     PFN_Action_Execute Action_Execute;
     PFN_Action_EndEvaluation Action_EndEvaluation;

@@ -24,7 +24,7 @@ struct RULE_PLUGIN {
     WORD versionMinor;
     WORD versionBuild;
     WORD versionRevision;
-    PFN_Rule_Initialize Rule_Initialize;
+    PFN_Rule_Initialize Rule_Initialize;  // the exports, bound in this order; Rule_CloseDll cleared once called
     PFN_Rule_Triggered Rule_Triggered;
     PFN_Rule_CloseDll Rule_CloseDll;
     wchar_t* configXml;  // malloc'd by the rule parser, freed by UnloadRulePlugins; may be null
