@@ -20,6 +20,10 @@ constexpr int kTrim = 0;
 const char kCreateTable[] =
     "CREATE TABLE IF NOT EXISTS alerts("
     "creation_time INTEGER PRIMARY KEY, xml TEXT NOT NULL, stored_utc INTEGER NOT NULL)";
+// Each 2 KB alert fills a table page of its own, so counting off the newest n
+// in the table reads n pages (130 ms for 10,000 alerts). The keys alone sit
+// in a few pages of this index, which the trim's count uses instead.
+const char kCreateIndex[] = "CREATE INDEX IF NOT EXISTS alerts_creation_time ON alerts(creation_time)";
 
 // One lock for the whole library: the service calls from its engine thread
 // only, but a second caller must not see a connection half opened or closed.
@@ -127,6 +131,7 @@ int OpenConnection(const std::wstring& path, bool create, sqlite3** db, std::str
     if (rc == SQLITE_OK) rc = SetWal(conn);
     if (rc == SQLITE_OK) rc = Exec(conn, "PRAGMA synchronous=FULL");
     if (rc == SQLITE_OK && create) rc = Exec(conn, kCreateTable);
+    if (rc == SQLITE_OK && create) rc = Exec(conn, kCreateIndex);
     if (rc != SQLITE_OK) {
         message = conn != nullptr ? sqlite3_errmsg(conn) : sqlite3_errstr(rc);
         sqlite3_close_v2(conn);

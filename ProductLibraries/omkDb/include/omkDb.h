@@ -5,6 +5,8 @@
 //   alerts(creation_time INTEGER PRIMARY KEY,  -- FILETIME of the alert, as one number
 //          xml TEXT NOT NULL,                  -- the alert file's UTF-8 bytes as given
 //          stored_utc INTEGER NOT NULL)        -- FILETIME (UTC) of the store
+// and the index alerts_creation_time on creation_time, which lets the trim
+// count off the newest records without reading every alert's text.
 // The journal is WAL with synchronous=FULL, so other processes may read while
 // the service writes, and an alert reported stored survives a killed process.
 // Every connection waits up to 5 s for another process's lock.

@@ -162,6 +162,8 @@ TEST_F(AlertDb, CreatesFolderFileAndSchemaAndStoresTheBytesAsGiven) {
     EXPECT_EQ(std::vector<std::string>{"wal"}, Query("PRAGMA journal_mode"));
     EXPECT_EQ((std::vector<std::string>{"creation_time INTEGER 0 1", "xml TEXT 1 0", "stored_utc INTEGER 1 0"}),
               Query("SELECT name || ' ' || type || ' ' || \"notnull\" || ' ' || pk FROM pragma_table_info('alerts')"));
+    EXPECT_EQ(std::vector<std::string>{"alerts_creation_time"},
+              Query("SELECT name FROM sqlite_master WHERE type='index' AND tbl_name='alerts'"));
     EXPECT_EQ(std::vector<std::string>{"132567891090000000 text"},
               Query("SELECT creation_time || ' ' || typeof(xml) FROM alerts"));
     EXPECT_EQ(std::vector<std::string>{Hex(xml)}, Query("SELECT hex(xml) FROM alerts"));
