@@ -282,13 +282,13 @@ TEST_F(AlertDb, ALockedDatabaseIsWaitedForUpToFiveSecondsAndNothingIsLost) {
     }
     {
         NamedEvent held(L"omkDbTestHeldLong");
-        Client holder(L"hold 8000 " + held.name);
+        Client holder(L"hold 6500 " + held.name);
         ASSERT_TRUE(held.WaitSet(30000));
         DWORD start = GetTickCount();
         EXPECT_FALSE(AlertDb_Write(3, "<three/>"));
         DWORD waited = GetTickCount() - start;
         EXPECT_GE(waited, 4500u);
-        EXPECT_LT(waited, 7900u);
+        EXPECT_LT(waited, 6400u);
         EXPECT_TRUE(log.Contains("AlertDb_Write: storing 3 failed 5 (database is locked)")) << log.Since();
         EXPECT_EQ(0u, holder.Wait(30000));
     }
