@@ -15,37 +15,27 @@
 namespace {
 
 using Bytes = std::vector<BYTE>;
+constexpr DWORD kRsmb = ('R' << 24) | ('S' << 16) | ('M' << 8) | 'B';
 
-// One SMBIOS structure: type, formatted part (after the 4-byte header) and strings.
+// One structure: type, formatted part after the 4-byte header, string set.
 Bytes Structure(BYTE type, const Bytes& formatted, const std::vector<std::string>& strings) {
     Bytes out = {type, static_cast<BYTE>(4 + formatted.size()), 0x00, 0x10};
     out.insert(out.end(), formatted.begin(), formatted.end());
-    for (const std::string& s : strings) {
-        out.insert(out.end(), s.begin(), s.end());
-        out.push_back(0);
-    }
+    for (const std::string& s : strings) out.insert(out.end(), s.c_str(), s.c_str() + s.size() + 1);
     if (strings.empty()) out.push_back(0);
     out.push_back(0);
     return out;
 }
 
-// System information with the given string numbers for manufacturer,
-// product, version and serial number.
-Bytes SystemInformation(BYTE serialNumber, const std::vector<std::string>& strings) {
+// System information whose serial number is string number `serial`.
+Bytes System(BYTE serial, const std::vector<std::string>& strings) {
     Bytes formatted(0x17, 0);
-    formatted[0] = 1;  // manufacturer
-    formatted[1] = 2;  // product
-    formatted[2] = 0;  // version
-    formatted[3] = serialNumber;
+    formatted[3] = serial;
     return Structure(1, formatted, strings);
 }
 
-Bytes Bios() {
-    return Structure(0, Bytes(0x14, 0x11), {"Varn BIOS", "1.02"});
-}
-Bytes EndOfTable() {
-    return Structure(127, {}, {});
-}
+const Bytes kBios = Structure(0, Bytes(0x14, 0x11), {"Varn BIOS", "1.02"});
+const Bytes kEnd = Structure(127, {}, {});
 
 Bytes Join(std::initializer_list<Bytes> parts) {
     Bytes out;
@@ -53,224 +43,143 @@ Bytes Join(std::initializer_list<Bytes> parts) {
     return out;
 }
 
-// Copies bytes so that they end exactly where an inaccessible page begins.
-class GuardedBytes {
-public:
-    explicit GuardedBytes(const Bytes& bytes) {
-        SYSTEM_INFO info;
-        GetSystemInfo(&info);
-        page_ = info.dwPageSize;
-        pages_ = (bytes.size() + page_ - 1) / page_ + 1;
-        base_ = static_cast<BYTE*>(VirtualAlloc(nullptr, pages_ * page_, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
-        DWORD old = 0;
-        VirtualProtect(base_ + (pages_ - 1) * page_, page_, PAGE_NOACCESS, &old);
-        data_ = base_ + (pages_ - 1) * page_ - bytes.size();
-        if (!bytes.empty()) memcpy(data_, bytes.data(), bytes.size());
-        size_ = bytes.size();
-    }
-    ~GuardedBytes() { VirtualFree(base_, 0, MEM_RELEASE); }
-    const BYTE* Data() const { return data_; }
-    size_t Size() const { return size_; }
+Bytes Cut(const Bytes& bytes, size_t size) {
+    return Bytes(bytes.begin(), bytes.begin() + size);
+}
 
-private:
-    size_t page_ = 0;
-    size_t pages_ = 0;
-    BYTE* base_ = nullptr;
-    BYTE* data_ = nullptr;
-    size_t size_ = 0;
-};
-
+// The bytes copied so that they end exactly where an inaccessible page begins.
 IDENTITY_RESULT Serial(const Bytes& table) {
-    GuardedBytes guarded(table);
-    return SmbiosSystemSerialNumber(guarded.Data(), guarded.Size());
+    SYSTEM_INFO info;
+    GetSystemInfo(&info);
+    const size_t page = info.dwPageSize;
+    const size_t pages = table.size() / page + 2;
+    BYTE* base = static_cast<BYTE*>(VirtualAlloc(nullptr, pages * page, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+    DWORD old = 0;
+    VirtualProtect(base + (pages - 1) * page, page, PAGE_NOACCESS, &old);
+    BYTE* data = base + (pages - 1) * page - table.size();
+    if (!table.empty()) memcpy(data, table.data(), table.size());
+    IDENTITY_RESULT result = SmbiosSystemSerialNumber(data, table.size());
+    VirtualFree(base, 0, MEM_RELEASE);
+    return result;
 }
 
-TEST(SmbiosSerialNumber, ReadsTheSerialOfTheSystemInformation) {
-    IDENTITY_RESULT result =
-        Serial(Join({Bios(), SystemInformation(3, {"Varn", "Harbor 500", "ABC1234 "}), EndOfTable()}));
-    EXPECT_EQ(result.error, 0u);
-    ASSERT_TRUE(result.hasValue);
-    EXPECT_EQ(result.value, "ABC1234 ");  // taken as it stands
-
-    // Last thing in the table, with no end-of-table structure after it.
-    result = Serial(Join({Bios(), SystemInformation(1, {"XYZ"})}));
-    EXPECT_EQ(result.error, 0u);
-    EXPECT_EQ(result.value, "XYZ");
-}
-
-TEST(SmbiosSerialNumber, TheFirstSystemInformationDecides) {
-    IDENTITY_RESULT result = Serial(Join({SystemInformation(1, {"FIRST"}), SystemInformation(1, {"SECOND"})}));
-    EXPECT_EQ(result.value, "FIRST");
-    result = Serial(Join({SystemInformation(0, {"a", "b"}), SystemInformation(1, {"SECOND"})}));
-    EXPECT_EQ(result.error, static_cast<DWORD>(ERROR_INVALID_DATA));
-    EXPECT_FALSE(result.hasValue);
-}
-
-TEST(SmbiosSerialNumber, GivesTheErrorOfEachKindOfBadTable) {
-    // String number 0: no serial.
-    EXPECT_EQ(Serial(Join({Bios(), SystemInformation(0, {"Varn"})})).error, static_cast<DWORD>(ERROR_INVALID_DATA));
-    // A zero structure length.
-    Bytes zeroLength = Join({Bios(), Bytes{7, 0, 0, 0, 0, 0}, SystemInformation(1, {"X"})});
-    EXPECT_EQ(Serial(zeroLength).error, static_cast<DWORD>(ERROR_INVALID_DATA));
-    // A system-information structure cut off inside its formatted part.
-    Bytes system = SystemInformation(1, {"X"});
-    EXPECT_EQ(Serial(Join({Bios(), Bytes(system.begin(), system.begin() + 12)})).error,
-              static_cast<DWORD>(ERROR_INVALID_DATA));
-    EXPECT_EQ(Serial(Join({Bios(), Bytes(system.begin(), system.begin() + 6)})).error,
-              static_cast<DWORD>(ERROR_INVALID_DATA));
-    // Cut off inside its strings: the serial is unterminated.
-    EXPECT_EQ(Serial(Join({Bios(), Bytes(system.begin(), system.end() - 2)})).error, static_cast<DWORD>(ERROR_NO_DATA));
-    // Another structure whose formatted part or strings run past the end.
-    Bytes bios = Bios();
-    EXPECT_EQ(Serial(Bytes(bios.begin(), bios.begin() + 10)).error, static_cast<DWORD>(ERROR_NO_DATA));
-    EXPECT_EQ(Serial(Bytes(bios.begin(), bios.end() - 1)).error, static_cast<DWORD>(ERROR_NO_DATA));
-    // No system information at all, and nothing at all.
-    EXPECT_EQ(Serial(Join({Bios(), EndOfTable()})).error, static_cast<DWORD>(ERROR_NO_DATA));
-    EXPECT_EQ(Serial(Bytes{}).error, static_cast<DWORD>(ERROR_NO_DATA));
-    EXPECT_EQ(Serial(Bytes{1}).error, static_cast<DWORD>(ERROR_NO_DATA));
+TEST(SmbiosSerialNumber, WalksTablesToTheFirstSystemInformation) {
+    const Bytes system = System(1, {"X"});
+    struct Case {
+        const char* what;
+        Bytes table;
+        DWORD error;
+        const char* value;
+    } cases[] = {
+        {"serial present", Join({kBios, System(3, {"Varn", "Harbor", "ABC1234 "}), kEnd}), 0, "ABC1234 "},
+        {"last structure", Join({kBios, System(1, {"XYZ"})}), 0, "XYZ"},
+        {"first type 1 decides", Join({System(1, {"FIRST"}), System(1, {"SECOND"})}), 0, "FIRST"},
+        {"string number 0", Join({kBios, System(0, {"Varn"}), System(1, {"LATER"})}), 13, nullptr},
+        {"empty string ends the set", Join({kBios, System(3, {"Varn", "", "HIDDEN"})}), 232, nullptr},
+        {"zero structure length", Join({kBios, Bytes{7, 0, 0, 0, 0, 0}, system}), 13, nullptr},
+        {"type 1 past the end", Join({kBios, Cut(system, 12)}), 13, nullptr},
+        {"type 1 serial byte past the end", Join({kBios, Cut(system, 6)}), 13, nullptr},
+        {"unterminated serial", Join({kBios, Cut(system, system.size() - 2)}), 232, nullptr},
+        {"other structure past the end", Cut(kBios, 10), 232, nullptr},
+        {"missing double zero", Cut(kBios, kBios.size() - 1), 232, nullptr},
+        {"no system information", Join({kBios, kEnd}), 232, nullptr},
+        {"empty table", Bytes{}, 232, nullptr},
+        {"one byte", Bytes{1}, 232, nullptr},
+    };
+    for (const Case& c : cases) {
+        IDENTITY_RESULT result = Serial(c.table);
+        EXPECT_EQ(result.error, c.error) << c.what;
+        EXPECT_EQ(result.hasValue, c.value != nullptr) << c.what;
+        EXPECT_EQ(result.value, c.value != nullptr ? c.value : "") << c.what;
+    }
     EXPECT_EQ(SmbiosSystemSerialNumber(nullptr, 10).error, static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-}
-
-TEST(SmbiosString, NumbersFromOneAndStopsAtAnEmptyString) {
-    const Bytes set = {'a', 0, 'b', 'c', 0, 0, 'd', 0};
-    GuardedBytes guarded(set);
-    const BYTE* end = guarded.Data() + guarded.Size();
-    EXPECT_EQ(SmbiosString(guarded.Data(), end, 1).value, "a");
-    EXPECT_EQ(SmbiosString(guarded.Data(), end, 2).value, "bc");
-    // String 3 would be "d" but the empty string before it ends the set.
-    EXPECT_EQ(SmbiosString(guarded.Data(), end, 3).error, static_cast<DWORD>(ERROR_NO_DATA));
-    EXPECT_EQ(SmbiosString(guarded.Data(), end, 0).error, static_cast<DWORD>(ERROR_NO_DATA));
-    EXPECT_EQ(SmbiosString(nullptr, end, 1).error, static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    EXPECT_EQ(SmbiosString(guarded.Data(), nullptr, 1).error, static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    // Missing terminator at the very end.
-    const Bytes open = {'a', 0, 'b', 'c'};
-    GuardedBytes unterminated(open);
-    EXPECT_EQ(SmbiosString(unterminated.Data(), unterminated.Data() + unterminated.Size(), 2).error,
-              static_cast<DWORD>(ERROR_NO_DATA));
+    EXPECT_EQ(SmbiosString(nullptr, kBios.data(), 1).error, static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 }
 
 // The firmware's form: version bytes, 32-bit little-endian table length, table.
-Bytes RawTable(const Bytes& table) {
-    const size_t length = table.size();
-    Bytes raw = {0,
-                 3,
-                 4,
-                 0,
-                 static_cast<BYTE>(length),
-                 static_cast<BYTE>(length >> 8),
-                 static_cast<BYTE>(length >> 16),
-                 static_cast<BYTE>(length >> 24)};
+Bytes Raw(const Bytes& table) {
+    const size_t n = table.size();
+    Bytes raw = {0, 3, 4, 0, static_cast<BYTE>(n), static_cast<BYTE>(n >> 8), static_cast<BYTE>(n >> 16), 0};
     raw.insert(raw.end(), table.begin(), table.end());
     return raw;
 }
 
-TEST(SmbiosCheckRawTable, AcceptsOnlyAConsistentTable) {
-    Bytes good = RawTable(Join({Bios(), SystemInformation(1, {"X"}), EndOfTable()}));
-    EXPECT_EQ(SmbiosCheckRawTable(good.data(), good.size()), 0u);
-    // Fetched size differs from the header's length.
-    EXPECT_EQ(SmbiosCheckRawTable(good.data(), good.size() - 1), static_cast<DWORD>(ERROR_INVALID_DATA));
-    // No 00 00 at the end.
-    Bytes noEnd = RawTable(Bytes{1, 2, 3, 0});
-    EXPECT_EQ(SmbiosCheckRawTable(noEnd.data(), noEnd.size()), static_cast<DWORD>(ERROR_INVALID_DATA));
-    // Too short a table length.
-    Bytes tiny = RawTable(Bytes{0});
-    EXPECT_EQ(SmbiosCheckRawTable(tiny.data(), tiny.size()), static_cast<DWORD>(ERROR_INVALID_DATA));
-    EXPECT_EQ(SmbiosCheckRawTable(good.data(), 4), static_cast<DWORD>(ERROR_INVALID_DATA));
-    EXPECT_EQ(SmbiosCheckRawTable(nullptr, 20), static_cast<DWORD>(ERROR_INVALID_DATA));
-}
-
 // What the replaced firmware and computer-name calls give.
 struct FakeSources {
-    Bytes raw;                // the table handed out
-    UINT growOnFetch = 0;     // added to the size the fetch (second call) reports
-    DWORD firmwareError = 0;  // non-zero: the firmware call fails with it
+    Bytes raw;
+    UINT growOnFetch = 0;  // added to the size the fetch (second call) reports
+    DWORD firmwareError = 0;
     int firmwareCalls = 0;
-    std::string computerName;  // empty with computerNameError 0: an empty name
+    std::string computerName = "VARN-PC";
     DWORD computerNameError = 0;
-};
-FakeSources g_fake;
+} g_fake;
 
 UINT WINAPI FakeFirmware(DWORD provider, DWORD tableId, PVOID buffer, DWORD bytes) {
     ++g_fake.firmwareCalls;
-    if (provider != (('R' << 24) | ('S' << 16) | ('M' << 8) | 'B') || tableId != 0 || g_fake.firmwareError != 0) {
+    if (provider != kRsmb || tableId != 0 || g_fake.firmwareError != 0) {
         SetLastError(g_fake.firmwareError != 0 ? g_fake.firmwareError : ERROR_INVALID_FUNCTION);
         return 0;
     }
-    const UINT size = static_cast<UINT>(g_fake.raw.size()) + (buffer != nullptr ? g_fake.growOnFetch : 0);
     if (buffer != nullptr) memcpy(buffer, g_fake.raw.data(), g_fake.raw.size() < bytes ? g_fake.raw.size() : bytes);
-    return size;
+    return static_cast<UINT>(g_fake.raw.size()) + (buffer != nullptr ? g_fake.growOnFetch : 0);
 }
 
 BOOL WINAPI FakeComputerName(LPSTR buffer, LPDWORD chars) {
-    if (g_fake.computerNameError != 0) {
+    if (g_fake.computerNameError != 0 || *chars != 16) {
         SetLastError(g_fake.computerNameError);
         return FALSE;
     }
-    if (*chars != 16) return FALSE;
     strcpy_s(buffer, *chars, g_fake.computerName.c_str());
     *chars = static_cast<DWORD>(g_fake.computerName.size());
     return TRUE;
 }
 
-class ServiceTagTest : public ::testing::Test {
-protected:
-    ServiceTagTest() {
-        g_fake = FakeSources();
-        g_fake.computerName = "VARN-PC";
-        SetServiceTagSourcesForTest(FakeFirmware, FakeComputerName);
-    }
-    ~ServiceTagTest() override { SetServiceTagSourcesForTest(nullptr, nullptr); }
-};
-
-TEST_F(ServiceTagTest, IsTheSerialNumberReadOnceFromTheFirmware) {
-    g_fake.raw = RawTable(Join({Bios(), SystemInformation(3, {"Varn", "Harbor", "7XK2Q93"}), EndOfTable()}));
-    EXPECT_EQ(GetServiceTag(), "7XK2Q93");
-    const int calls = g_fake.firmwareCalls;
-    EXPECT_EQ(GetServiceTag(), "7XK2Q93");
-    EXPECT_EQ(g_fake.firmwareCalls, calls) << "the table is cached";
+std::string ServiceTagFrom(const FakeSources& sources) {
+    g_fake = sources;
+    SetServiceTagSourcesForTest(FakeFirmware, FakeComputerName);
+    std::string tag = GetServiceTag();
+    SetServiceTagSourcesForTest(nullptr, nullptr);
+    return tag;
 }
 
-TEST_F(ServiceTagTest, FallsBackToTheComputerNameThenToUnknown) {
-    // No serial in the table, a failing firmware call, and inconsistent tables.
-    std::vector<FakeSources> cases(6);
-    cases[0].raw = RawTable(Join({Bios(), SystemInformation(0, {"Varn"}), EndOfTable()}));
-    cases[1].firmwareError = ERROR_ACCESS_DENIED;
-    cases[2].raw = Bytes(9, 0);  // shorter than header and end marker
-    cases[3].raw = RawTable(Join({SystemInformation(1, {"X"})}));
-    cases[3].growOnFetch = 4;                                    // grew between the two calls
-    cases[4].raw = RawTable(Bytes{1, 2, 3, 4});                  // no 00 00 at its end
-    cases[5].raw = RawTable(Join({Bios(), Bytes{1, 0, 0, 0}}));  // zero-length structure
-    for (size_t i = 0; i < cases.size(); ++i) {
-        g_fake = cases[i];
-        g_fake.computerName = "VARN-PC";
-        SetServiceTagSourcesForTest(FakeFirmware, FakeComputerName);
-        EXPECT_EQ(GetServiceTag(), "VARN-PC") << "case " << i;
-    }
-
-    g_fake.computerName = "";
+TEST(ServiceTag, IsTheSerialNumberElseTheComputerNameElseUnknown) {
+    FakeSources good;
+    good.raw = Raw(Join({kBios, System(3, {"Varn", "Harbor", "7XK2Q93"}), kEnd}));
+    g_fake = good;
     SetServiceTagSourcesForTest(FakeFirmware, FakeComputerName);
-    EXPECT_EQ(ReadComputerName().error, static_cast<DWORD>(ERROR_NO_DATA));
-    EXPECT_EQ(GetServiceTag(), "UNKNOWN");
-    g_fake.computerNameError = ERROR_BUFFER_OVERFLOW;
-    EXPECT_EQ(ReadComputerName().error, static_cast<DWORD>(ERROR_BUFFER_OVERFLOW));
-    EXPECT_EQ(GetServiceTag(), "UNKNOWN");
+    EXPECT_EQ(GetServiceTag(), "7XK2Q93");
+    EXPECT_EQ(GetServiceTag(), "7XK2Q93");
+    EXPECT_EQ(g_fake.firmwareCalls, 2) << "the table is read once (size, then fetch) and cached";
+
+    std::vector<FakeSources> noSerial(6);
+    noSerial[0].raw = Raw(Join({kBios, System(0, {"Varn"}), kEnd}));
+    noSerial[1].firmwareError = ERROR_ACCESS_DENIED;
+    noSerial[2].raw = Bytes(9, 0);  // shorter than header and end marker
+    noSerial[3].raw = Raw(System(1, {"X"}));
+    noSerial[3].growOnFetch = 4;  // grew between size query and fetch
+    noSerial[4].raw = Raw(Bytes{1, 2, 3, 4});
+    noSerial[5].raw = Raw(System(1, {"X"}));
+    noSerial[5].raw[4] += 1;  // header length disagrees with the size
+    for (size_t i = 0; i < noSerial.size(); ++i) EXPECT_EQ(ServiceTagFrom(noSerial[i]), "VARN-PC") << "case " << i;
+
+    FakeSources unnamed = noSerial[1];
+    unnamed.computerName = "";
+    EXPECT_EQ(ServiceTagFrom(unnamed), "UNKNOWN");
+    unnamed.computerNameError = ERROR_BUFFER_OVERFLOW;
+    EXPECT_EQ(ServiceTagFrom(unnamed), "UNKNOWN");
 }
 
 TEST(ServiceTag, ComesFromTheRealFirmwareTableOrComputerName) {
-    SetServiceTagSourcesForTest(nullptr, nullptr);
-    UINT size = GetSystemFirmwareTable(('R' << 24) | ('S' << 16) | ('M' << 8) | 'B', 0, nullptr, 0);
+    UINT size = GetSystemFirmwareTable(kRsmb, 0, nullptr, 0);
     if (size != 0) {
         Bytes raw(size);
-        ASSERT_EQ(GetSystemFirmwareTable(('R' << 24) | ('S' << 16) | ('M' << 8) | 'B', 0, raw.data(), size), size);
+        ASSERT_EQ(GetSystemFirmwareTable(kRsmb, 0, raw.data(), size), size);
         EXPECT_EQ(SmbiosCheckRawTable(raw.data(), raw.size()), 0u);
     }
     char name[16] = {};
     DWORD chars = 16;
     ASSERT_TRUE(GetComputerNameA(name, &chars));
-    IDENTITY_RESULT computerName = ReadComputerName();
-    EXPECT_EQ(computerName.error, 0u);
-    EXPECT_EQ(computerName.value, name);
-
+    EXPECT_EQ(ReadComputerName().value, name);
     const std::string tag = GetServiceTag();
     EXPECT_FALSE(tag.empty());
     EXPECT_NE(tag, "UNKNOWN");
