@@ -6,7 +6,7 @@
 
 #include <exception>
 
-#include "CDef.h"
+#include "cdef.h"
 #include "omkErrors.h"
 
 namespace {
@@ -43,7 +43,7 @@ bool GenetateUserModeMinidumpFilePath(wchar_t* buffer) {
         GetSystemTime(&now);
         wchar_t path[MAX_PATH * 2];
         _snwprintf(path, MAX_PATH * 2 - 1, L"%s\\omkcrash_%04u%02u%02u%02u%02u%02u%03u.mdmp",
-                   CDef::GetInstance().FOLDER_OMK_MINIDUMP, now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute,
+                   CDef::GetInstance().FOLDER_OMK_CRASHDUMP, now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute,
                    now.wSecond, now.wMilliseconds);
         path[MAX_PATH * 2 - 1] = L'\0';
         errno_t error = wcscpy_s(buffer, MAX_PATH, path);

@@ -3,7 +3,7 @@
 #include <objbase.h>
 #include <oleauto.h>
 
-#include "CDef.h"
+#include "cdef.h"
 #include "actionPlugin.h"
 #include "alertDatabase.h"
 #include "alertRecord.h"
