@@ -26,16 +26,6 @@ DWORD g_rulesLoaded = 0;
 DWORD g_rulePluginsInited = 0;
 DWORD g_actionPluginsInited = 0;
 
-void FreeRuleTable() {
-    FreeRuleDefinitionsText();
-    for (RULE* rule = g_rules; rule != nullptr;) {
-        RULE* next = rule->next;
-        FreeRule(rule);
-        rule = next;
-    }
-    g_rules = nullptr;
-}
-
 }  // namespace
 
 DWORD CreateAlertGeneratedEvent() {
@@ -128,7 +118,7 @@ DWORD Tolvane_Term() {
     if (g_rulePluginsInited) CloseRulePlugins();
     if (g_actionPluginsLoaded) UnloadActionPlugins();
     if (g_rulePluginsLoaded) UnloadRulePlugins();
-    if (g_rulesLoaded) FreeRuleTable();
+    if (g_rulesLoaded) FreeRuleDefinitions();
     if (g_sqliteReady) FreeSqliteLib();
     CloseAlertGeneratedEvent();
     if (g_workQueueLockReady) {

@@ -54,7 +54,7 @@ int addToAlertDbCore(ULONGLONG creationTime, const char* bytes) {
         return 0;
     }
     int result = 0;
-    OMK_ALERT_RECORD* record = nullptr;
+    ALERT_DB_RECORD* record = nullptr;
     if (AlertDb_ReadByCreationTimeW(creationTime, &record)) {
         OMK_ReportError(0, L"addToAlertDbCore: Alert with same creation time exists!");
         result = 1;  // the older record stays; the new file counts as stored
