@@ -102,6 +102,26 @@ typedef void(WINAPI* PFN_Action_CloseDll)(void);
 // Results of Action_Execute and Action_EndEvaluation that also mean success.
 #define OMK_ACTION_SUCCESS_ALT 12u
 
+// For plugin authors: define OMK_RULE_PLUGIN_EXPORTS or OMK_ACTION_PLUGIN_EXPORTS
+// before including this header to have the exports declared, so that the
+// compiler checks each definition against the contract above. The service
+// looks the exports up by these exact, undecorated names.
+#define OMK_PLUGIN_EXPORT __declspec(dllexport)
+
+#ifdef OMK_RULE_PLUGIN_EXPORTS
+OMK_PLUGIN_EXPORT unsigned int WINAPI Rule_Initialize(const wchar_t* configXml);
+OMK_PLUGIN_EXPORT unsigned int WINAPI Rule_Triggered(RULE* rule);
+OMK_PLUGIN_EXPORT void WINAPI Rule_CloseDll(void);
+#endif
+
+#ifdef OMK_ACTION_PLUGIN_EXPORTS
+OMK_PLUGIN_EXPORT unsigned int WINAPI Action_Initialize(const wchar_t* configXml);
+OMK_PLUGIN_EXPORT void WINAPI Action_BeginEvaluation(void);
+OMK_PLUGIN_EXPORT unsigned int WINAPI Action_Execute(RULE* rule, const wchar_t* actionXml);
+OMK_PLUGIN_EXPORT unsigned int WINAPI Action_EndEvaluation(void);
+OMK_PLUGIN_EXPORT void WINAPI Action_CloseDll(void);
+#endif
+
 #ifdef __cplusplus
 }  // extern "C"
 
