@@ -8,7 +8,6 @@
 #include "ruleParser.h"
 #include "rulePlugin.h"
 #include "rulesTest.h"
-#include "systemIdentity.h"
 
 namespace {
 
@@ -218,13 +217,13 @@ protected:
 };
 
 TEST_F(PlatformFilter, KeywordsFollowTheChassisClassInAnyLetterCase) {
-    Machine(CT_LAPTOP, L"Harbor 500");
+    Machine(kNotebookChassis, L"Harbor 500");
     EXPECT_TRUE(Applies("All"));
     EXPECT_TRUE(Applies("aLL"));
     EXPECT_TRUE(Applies("Laptops"));
     EXPECT_TRUE(Applies("LAPTOPS"));
     EXPECT_FALSE(Applies("Desktops"));
-    Machine(CT_DESKTOP, L"Harbor 500");
+    Machine(kDesktopChassis, L"Harbor 500");
     EXPECT_FALSE(Applies("laptops"));
     EXPECT_TRUE(Applies("desktops"));
     EXPECT_FALSE(Applies("Tablets"));
@@ -233,7 +232,7 @@ TEST_F(PlatformFilter, KeywordsFollowTheChassisClassInAnyLetterCase) {
 }
 
 TEST_F(PlatformFilter, SeriesIsACaseSensitiveSubstringAndModelACaseInsensitiveMatch) {
-    Machine(CT_DESKTOP, L"Harbor 500");
+    Machine(kDesktopChassis, L"Harbor 500");
     EXPECT_TRUE(Applies("Series: Harbor"));
     EXPECT_TRUE(Applies("series: Harbor")) << "the keyword's case is free";
     EXPECT_FALSE(Applies("Series: harbor")) << "the text's case is not";
@@ -245,7 +244,7 @@ TEST_F(PlatformFilter, SeriesIsACaseSensitiveSubstringAndModelACaseInsensitiveMa
 }
 
 TEST_F(PlatformFilter, TheCharacterAfterTheColonIsAlwaysSkipped) {
-    Machine(CT_DESKTOP, L"Harbor 500");
+    Machine(kDesktopChassis, L"Harbor 500");
     EXPECT_TRUE(Applies("Series:XHarbor"));
     EXPECT_TRUE(Applies("Series:harbor")) << "looks for arbor, letter case and all";
     EXPECT_TRUE(Applies("Model:_harbor 500"));
@@ -256,7 +255,7 @@ TEST_F(PlatformFilter, TheCharacterAfterTheColonIsAlwaysSkipped) {
 }
 
 TEST_F(PlatformFilter, AnUnreadableModelMatchesNoSeriesOrModel) {
-    Machine(CT_LAPTOP, nullptr);
+    Machine(kNotebookChassis, nullptr);
     EXPECT_FALSE(Applies("Series: Harbor"));
     EXPECT_FALSE(Applies("Model: Harbor 500"));
     EXPECT_FALSE(Applies("Series: "));

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -74,8 +75,6 @@ TEST_F(RuleParser, EveryDocumentIsReleasedAndItsApartmentLeft) {
     const std::string good =
         RuleFile(RuleElement(kEvent, "{0}", "<Action Type=\"Notify\"/>") + RuleElement("Enabled=\"0\"", "{1}") +
                  RuleElement(kEvent, "{2}", "<Action Type=\"Mail\"/>"));
-    std::wstring path = folder_.File(L"insvcAlerts.xml");
-    ASSERT_TRUE(omktest::WriteFileBytes(path, good));
     std::wstring text = omktest::FromUtf8(good);
     for (const std::wstring& input : {text, std::wstring(L"<Tolvane>"), std::wstring(L"<Tolvane/>")}) {
         OnFreshThread([&input] {
@@ -130,25 +129,34 @@ TEST_F(RuleParser, DeepNestingIsRefusedOrIgnoredButNeverCrashes) {
     EXPECT_NE(std::string::npos, U8(g_rules->xml).find("text"));
 }
 
+// The install folder is the folder of the collector service's executable, so
+// the tests point its "ImagePath" at a scratch folder.
 class RuleFileLoad : public RulesTest {
 protected:
     void SetUp() override {
         RulesTest::SetUp();
-        saved_ = CDef::GetInstance().FOLDER_OMK_INSTALL_LOCATION;
-        wcsncpy(CDef::GetInstance().FOLDER_OMK_INSTALL_LOCATION, folder_.Path().c_str(), 259);
-        CDef::GetInstance().FOLDER_OMK_INSTALL_LOCATION[259] = L'\0';
+        std::wstring collector = folder_.File(L"OMKCollectorSvcApi.exe");
+        ASSERT_TRUE(omktest::WriteFileBytes(collector, "MZ"));
+        collectorKey_ = std::make_unique<omktest::ScopedRegKey>(HKEY_LOCAL_MACHINE, kCollectorKey);
+        ASSERT_EQ(ERROR_SUCCESS, collectorKey_->SetString(L"ImagePath", L"\"" + collector + L"\""));
+        CDef::ResetForTest();
+        ruleFile_ = std::wstring(CDef::GetInstance().FOLDER_OMK_INSTALL_LOCATION) + L"\\insvcAlerts.xml";
+        ASSERT_EQ(_wcsicmp(folder_.File(L"insvcAlerts.xml").c_str(), ruleFile_.c_str()), 0) << U8(ruleFile_.c_str());
     }
     void TearDown() override {
-        wcsncpy(CDef::GetInstance().FOLDER_OMK_INSTALL_LOCATION, saved_.c_str(), 259);
+        collectorKey_.reset();
+        CDef::ResetForTest();
         RulesTest::TearDown();
     }
-    std::string RuleFilePath() const { return omktest::ToUtf8(folder_.File(L"insvcAlerts.xml")); }
+    std::string RuleFilePath() const { return omktest::ToUtf8(ruleFile_); }
 
-    std::wstring saved_;
+    static constexpr const wchar_t* kCollectorKey = L"SYSTEM\\CurrentControlSet\\Services\\OMKCollectorSvcApi";
+    std::unique_ptr<omktest::ScopedRegKey> collectorKey_;
+    std::wstring ruleFile_;
 };
 
 TEST_F(RuleFileLoad, TheInstallFoldersFileIsReadParsedAndItsTextFreed) {
-    ASSERT_TRUE(omktest::WriteFileBytes(folder_.File(L"insvcAlerts.xml"),
+    ASSERT_TRUE(omktest::WriteFileBytes(ruleFile_,
                                         RuleFile("<MaxAlertFiles>9</MaxAlertFiles>" + RuleElement(kEvent, "{0}"), "")));
     EXPECT_EQ(RULES_OK, Tolvane_LoadRuleDefinitions());
     ASSERT_EQ(1u, Rules().size());
@@ -163,7 +171,7 @@ TEST_F(RuleFileLoad, MissingFileGives9AndAFailedParse7) {
     ASSERT_FALSE(messages.empty());
     EXPECT_EQ("Tolvane_LoadRuleDefinitions: Failed to read file " + RuleFilePath(), messages.back());
 
-    ASSERT_TRUE(omktest::WriteFileBytes(folder_.File(L"insvcAlerts.xml"), "<Tolvane><Rule/></Tolvane>"));
+    ASSERT_TRUE(omktest::WriteFileBytes(ruleFile_, "<Tolvane><Rule/></Tolvane>"));
     log_.Mark();
     EXPECT_EQ(RULES_PARSE_FAILED, Tolvane_LoadRuleDefinitions());
     EXPECT_EQ((Strings{"ReadMaxAlertFiles: default MaxAlertFiles", "ParseRule: attribute Enabled not found in rule 0",
@@ -172,7 +180,7 @@ TEST_F(RuleFileLoad, MissingFileGives9AndAFailedParse7) {
               Messages());
     EXPECT_EQ(allocLoaded_, g_allocCount);
 
-    ASSERT_TRUE(omktest::WriteFileBytes(folder_.File(L"insvcAlerts.xml"), "<Tolvane>"));
+    ASSERT_TRUE(omktest::WriteFileBytes(ruleFile_, "<Tolvane>"));
     log_.Mark();
     EXPECT_EQ(RULES_PARSE_FAILED, Tolvane_LoadRuleDefinitions()) << "not XML is a failed parse here";
     EXPECT_EQ(

@@ -51,12 +51,13 @@ void RulesTest::SetUp() {
     ASSERT_EQ(0u, LoadActionPlugins());
     ASSERT_EQ(2u, g_numRulePlugins);
     ASSERT_EQ(2u, g_numActionPlugins);
-    Machine(CT_DESKTOP, L"Wine");
+    Machine(kDesktopChassis, L"Wine");
     allocLoaded_ = g_allocCount;
     log_.Mark();
 }
 
 void RulesTest::TearDown() {
+    ClearMachineIdentityForTest();
     FreeRuleDefinitions();
     UnloadActionPlugins();
     UnloadRulePlugins();
@@ -82,9 +83,9 @@ std::vector<RULE*> RulesTest::Rules() const {
     return rules;
 }
 
-void RulesTest::Machine(DWORD chassis, const wchar_t* model) {
-    g_standInChassis = chassis;
-    g_standInModel = model;
+void RulesTest::Machine(DWORD rawChassisType, const wchar_t* model) {
+    SetChassisTypeForTest(rawChassisType);
+    SetModelForTest(model);
 }
 
 std::string RuleElement(const std::string& attributes, const std::string& guid, const std::string& extra) {

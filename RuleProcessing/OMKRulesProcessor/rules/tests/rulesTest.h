@@ -24,8 +24,8 @@ protected:
     // The accepted rules in table order.
     std::vector<RULE*> Rules() const;
     std::vector<std::string> Messages() const { return log_.Messages(); }
-    // Chooses what the machine reports: chassis class and model (null: unreadable).
-    void Machine(DWORD chassis, const wchar_t* model);
+    // Chooses what the machine reports: its raw chassis type and its model (null: unreadable).
+    void Machine(DWORD rawChassisType, const wchar_t* model);
 
     omktest::ErrorLog log_;
     omktest::TempFolder folder_;
@@ -53,3 +53,7 @@ extern const char kQuietSettings[];
 std::string RuleFile(const std::string& body, const std::string& settings = kQuietSettings);
 
 std::string U8(const wchar_t* text);
+
+// Raw chassis types the machine may report: a notebook and a desktop.
+constexpr DWORD kNotebookChassis = 10;
+constexpr DWORD kDesktopChassis = 3;

@@ -1,22 +1,40 @@
 #include <wchar.h>
 
-#include "cdef.h"
 #include "systemIdentity.h"
 
-DWORD g_standInChassis = CT_DESKTOP;
-const wchar_t* g_standInModel = L"Wine";
+namespace {
+DWORD g_rawChassis = 3;
+const wchar_t* g_model = L"Wine";
+}  // namespace
 
-DWORD GetChassisType() {
-    return g_standInChassis;
+int GetChassisType() {
+    switch (g_rawChassis) {
+        case 8:
+        case 9:
+        case 10:
+        case 11:
+        case 12:
+        case 14:
+        case 31:
+        case 32:
+        case 33:
+            return CT_LAPTOP;
+        default:
+            return CT_DESKTOP;
+    }
 }
 
 int GetModel(wchar_t* model) {
-    if (g_standInModel == nullptr) return 0;
-    wcsncpy(model, g_standInModel, OMK_MODEL_CHARS);
+    if (g_model == nullptr) return 0;
+    wcsncpy(model, g_model, OMK_MODEL_CHARS - 1);
+    model[OMK_MODEL_CHARS - 1] = L'\0';
     return 1;
 }
 
-CDef& CDef::GetInstance() {
-    static CDef instance{};
-    return instance;
+void SetModelForTest(const wchar_t* model) {
+    g_model = model;
 }
+void SetChassisTypeForTest(DWORD rawChassisType) {
+    g_rawChassis = rawChassisType;
+}
+void ClearMachineIdentityForTest() {}

@@ -1,15 +1,18 @@
-// Stand-in for the machine identity until the system identity helpers land.
+// Stand-in for the machine identity helpers until they land: the same
+// declarations, answering only from the test seam.
 #pragma once
 
 #include <windows.h>
 
-constexpr DWORD CT_DESKTOP = 1;
-constexpr DWORD CT_LAPTOP = 2;
-constexpr int OMK_MODEL_CHARS = 256;
+#include <stddef.h>
 
-DWORD GetChassisType();
+constexpr int CT_UNKNOWN = 0;
+constexpr int CT_DESKTOP = 1;
+constexpr int CT_LAPTOP = 2;
+constexpr size_t OMK_MODEL_CHARS = 256;
+
 int GetModel(wchar_t* model);
-
-// What the stand-in reports; tests set it.
-extern DWORD g_standInChassis;
-extern const wchar_t* g_standInModel;  // null: the model cannot be read
+int GetChassisType();
+void SetModelForTest(const wchar_t* model);
+void SetChassisTypeForTest(DWORD rawChassisType);
+void ClearMachineIdentityForTest();
