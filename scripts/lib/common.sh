@@ -3,7 +3,7 @@
 
 OMK_BUILD_DIR=${OMK_BUILD_DIR:-$OMK_ROOT/build}
 OMK_PREFIX=$OMK_BUILD_DIR/wineprefix
-OMK_PACKAGES=(mingw-w64 mingw-w64-tools libwine-dev wine64 wine cmake googletest osslsigncode openssl sqlite3 xz-utils dpkg-dev)
+OMK_PACKAGES=(mingw-w64 mingw-w64-tools libwine-dev wine64 wine cmake googletest osslsigncode openssl sqlite3 xz-utils dpkg-dev tcl make gcc)
 
 omk_log() { printf '==> %s\n' "$*"; }
 
@@ -22,6 +22,51 @@ omk_install_packages() {
     export DEBIAN_FRONTEND=noninteractive
     apt-get update -qq
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# SQLite for the target: the amalgamation made from Debian's sqlite3 source
+# package, kept in the build folder so later runs and CI reuse it. The deb-src
+# list is made from the machine's own deb entries in a scratch folder; the
+# machine's apt configuration and package lists are left as they were.
+OMK_SQLITE_DIR=$OMK_BUILD_DIR/third_party/sqlite
+omk_fetch_sqlite() {
+    [ -f "$OMK_SQLITE_DIR/sqlite3.c" ] && [ -f "$OMK_SQLITE_DIR/sqlite3.h" ] && return 0
+    omk_log "fetching and preparing the sqlite3 source package"
+    local work src f
+    work=$(mktemp -d)
+    mkdir -p "$work/sources" "$work/lists/partial" "$work/get"
+    for f in /etc/apt/sources.list.d/*.sources; do
+        [ -f "$f" ] || continue
+        sed -e 's/^Types:.*/Types: deb-src/' "$f" >"$work/sources/$(basename "$f")"
+    done
+    if [ -f /etc/apt/sources.list ]; then
+        sed -n -e 's/^deb \(.*\)/deb-src \1/p' /etc/apt/sources.list >"$work/sources/from-sources-list.list"
+    fi
+    local apt_opts=(-o "Dir::Etc::sourcelist=$work/none.list" -o "Dir::Etc::sourceparts=$work/sources"
+        -o "Dir::State::Lists=$work/lists" -o "Dir::Cache::pkgcache=" -o "Dir::Cache::srcpkgcache=")
+    if ! apt-get "${apt_opts[@]}" update -qq >"$work/update.log" 2>&1 ||
+        ! (cd "$work/get" && apt-get "${apt_opts[@]}" source --download-only -qq sqlite3 >"$work/source.log" 2>&1); then
+        cat "$work"/*.log >&2
+        rm -rf "$work"
+        echo "could not fetch the sqlite3 source package" >&2
+        return 1
+    fi
+    (cd "$work/get" && dpkg-source --no-check -x ./*.dsc src >"$work/extract.log" 2>&1) || {
+        cat "$work/extract.log" >&2
+        rm -rf "$work"
+        return 1
+    }
+    src=$work/get/src
+    if ! (cd "$src" && ./configure --disable-tcl >"$work/configure.log" 2>&1 && make sqlite3.c >"$work/make.log" 2>&1); then
+        tail -n 40 "$work/configure.log" "$work/make.log" >&2
+        rm -rf "$work"
+        echo "could not make the sqlite3 amalgamation" >&2
+        return 1
+    fi
+    mkdir -p "$OMK_SQLITE_DIR"
+    cp "$src/sqlite3.c" "$src/sqlite3.h" "$OMK_SQLITE_DIR/"
+    basename "$work"/get/*.dsc .dsc >"$OMK_SQLITE_DIR/VERSION"
+    rm -rf "$work"
 }
 
 omk_build() {

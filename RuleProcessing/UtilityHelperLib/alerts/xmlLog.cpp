@@ -1,0 +1,299 @@
+#include "xmlLog.h"
+
+#include <objbase.h>
+#include <msxml2.h>
+#include <stdlib.h>
+#include <string.h>
+#include <wchar.h>
+
+#include <string>
+
+#include "conventions.h"
+#include "omkErrors.h"
+#include "strHelper.h"
+#include "textFileHelpers.h"
+
+namespace {
+
+const wchar_t kRootTag[] = L"TolvaneAlerts";
+
+// The MSXML DOM document class; mingw's libraries do not define it.
+const CLSID kDomDocumentClsid = {0x2933BF90, 0x7B36, 0x11D2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
+
+const wchar_t* OrNull(const wchar_t* text) {
+    return text != nullptr ? text : L"null";
+}
+
+// Loads text as an XML document through MSXML, as the XML access layer's
+// LoadXML does: the thread enters the multithreaded apartment and the caller
+// ends it with CoUninitialize after releasing the document. A text that is
+// not well-formed gives null without a message.
+IXMLDOMDocument* LoadAlertXml(const wchar_t* text) {
+    HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"LoadXML: CoInitializeEx failed 0x%x", static_cast<unsigned>(hr));
+        return nullptr;
+    }
+    IXMLDOMDocument* doc = nullptr;
+    hr = CoCreateInstance(kDomDocumentClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
+                          reinterpret_cast<void**>(&doc));
+    if (FAILED(hr) || doc == nullptr) {
+        OMK_ReportError(0, L"LoadXML: CoCreateInstance failed 0x%x", static_cast<unsigned>(hr));
+        return nullptr;
+    }
+    BSTR xml = SysAllocString(text);
+    if (xml == nullptr) {
+        OMK_ReportError(0, L"LoadXML: SysAllocString failed 0x%x\n%ws", GetLastError(), text);
+        doc->Release();
+        return nullptr;
+    }
+    VARIANT_BOOL loaded = VARIANT_FALSE;
+    hr = doc->loadXML(xml, &loaded);
+    SysFreeString(xml);
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"LoadXML: LoadXML failed 0x%x\n%ws", static_cast<unsigned>(hr), text);
+        doc->Release();
+        return nullptr;
+    }
+    if (loaded != VARIANT_TRUE) {
+        doc->Release();
+        return nullptr;
+    }
+    return doc;
+}
+
+// Size of the file opened without sharing; 0 when it cannot be opened or sized.
+LARGE_INTEGER FileSizeOf(const wchar_t* path) {
+    LARGE_INTEGER size;
+    size.QuadPart = 0;
+    HANDLE file =
+        CreateFileW(path, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return size;
+    if (!GetFileSizeEx(file, &size)) size.QuadPart = 0;
+    CloseHandle(file);
+    return size;
+}
+
+void FreeHandle(XMLLOG_HANDLE* handle) {
+    if (handle->fp != nullptr) {
+        fclose(handle->fp);
+        handle->fp = nullptr;
+    }
+    --g_allocCount;
+    free(handle);
+}
+
+// True when the file loads as XML, or cannot be read at all (then it is
+// assumed good and left to the size check).
+bool validateXmlFile(const wchar_t* path) {
+    wchar_t* text = ReadMultiByteUtf8FileIntoTCHARString(path);
+    if (text == nullptr) {
+        OMK_ReportError(0, L"validateXmlFile: could not read file %ws - assuming good", path);
+        return true;
+    }
+    IXMLDOMDocument* doc = LoadAlertXml(text);
+    if (doc == nullptr) {
+        OMK_ReportError(0, L"validateXmlFile: XML from file %ws could not be loaded", path);
+        free(text);
+        --g_allocCount;
+        return false;
+    }
+    doc->Release();
+    CoUninitialize();
+    free(text);
+    --g_allocCount;
+    return true;
+}
+
+// Copies the file to "<path up to its last dot>_MMDDYYYYhhmmss.xml" (local
+// time) and deletes it, so the log starts again as a new file. A failed copy
+// leaves the file alone.
+bool xmlLogTakeBackup(const wchar_t* path) {
+    wchar_t base[MAX_PATH];
+    OmkFill(base, sizeof(base));
+    CStrHelper::StrCopy(base, MAX_PATH, path);
+    wchar_t* dot = wcsrchr(base, L'.');
+    wchar_t backup[MAX_PATH];
+    OmkFill(backup, sizeof(backup));
+    HRESULT hr = E_INVALIDARG;
+    if (dot != nullptr) {
+        *dot = L'\0';
+        SYSTEMTIME now;
+        GetLocalTime(&now);
+        hr = CStrHelper::StrPrintf(backup, MAX_PATH, L"%s_%02d%02d%04d%02d%02d%02d.xml", base, now.wMonth, now.wDay,
+                                   now.wYear, now.wHour, now.wMinute, now.wSecond);
+    }
+    if (FAILED(hr)) {
+        // No extension to cut, or no room for the stamp: there is no name to back up to.
+        OMK_ReportError(0, L"xmlLogTakeBackup: Error 0x%x moving file %ws to %ws",
+                        static_cast<unsigned>(ERROR_BAD_PATHNAME), path, L"null");
+        return false;
+    }
+    if (!CopyFileW(path, backup, FALSE)) {
+        OMK_ReportError(0, L"xmlLogTakeBackup: Error 0x%x moving file %ws to %ws", GetLastError(), path, backup);
+        return false;
+    }
+    if (!DeleteFileW(path)) {
+        OMK_ReportError(0, L"xmlLogTakeBackup: Error 0x%x deleting file %ws", GetLastError(), path);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+XMLLOG_HANDLE* xmlLogInitHandle(const wchar_t* dirName, const wchar_t* fileName) {
+    if (dirName == nullptr || fileName == nullptr) {
+        OMK_ReportError(0, L"xmlLogInitHandle: one or more args are null - dirName %ws fileName %ws openXmlTag %ws",
+                        OrNull(dirName), OrNull(fileName), kRootTag);
+        return nullptr;
+    }
+    XMLLOG_HANDLE* handle = static_cast<XMLLOG_HANDLE*>(calloc(1, sizeof(XMLLOG_HANDLE)));
+    if (handle == nullptr) {
+        OMK_ReportError(
+            0, L"xmlLoxmlLogInitHandlegOpen: one or more args are null - dirName %ws fileName %ws openXmlTag %ws",
+            dirName, fileName, kRootTag);
+        return nullptr;
+    }
+    ++g_allocCount;
+    CStrHelper::StrPrintf(handle->filePath, XMLLOG_PATH_CHARS, L"%s\\%s", dirName, fileName);
+    CStrHelper::StrCopy(handle->header, XMLLOG_TEXT_CHARS, L"<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n");
+    CStrHelper::StrPrintf(handle->openingTag, XMLLOG_TEXT_CHARS, L"<%s>\n", kRootTag);
+    CStrHelper::StrPrintf(handle->closingTag, XMLLOG_TEXT_CHARS, L"</%s>\n", kRootTag);
+
+    HANDLE existing = CreateFileW(handle->filePath, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (existing == INVALID_HANDLE_VALUE) return handle;  // a new file: nothing to check
+    CloseHandle(existing);
+
+    if (!validateXmlFile(handle->filePath)) {
+        OMK_ReportError(0, L"xmlLogInitHandle, File %ws is possibly corrupt -taking backup", handle->filePath);
+    } else {
+        LARGE_INTEGER size = FileSizeOf(handle->filePath);
+        if (size.QuadPart < XMLLOG_BACKUP_SIZE) return handle;
+        OMK_ReportError(0, L"xmlLogInitHandle: File %ws size %I64d has reached/exceeded limit - taking backup",
+                        handle->filePath, size.QuadPart);
+    }
+    if (!xmlLogTakeBackup(handle->filePath)) {
+        FreeHandle(handle);
+        return nullptr;
+    }
+    return handle;
+}
+
+XMLLOG_HANDLE* xmlLogOpen(const wchar_t* dirName, const wchar_t* openXmlTag, const wchar_t* fileName) {
+    (void)openXmlTag;  // the root element is always the same
+    XMLLOG_HANDLE* handle = xmlLogInitHandle(dirName, fileName);
+    if (handle == nullptr) {
+        OMK_ReportError(0, L"xmlLogOpen: xmlLogInitHandle failed - dirName %ws fileName %ws openXmlTag %ws",
+                        OrNull(dirName), OrNull(fileName), kRootTag);
+        return nullptr;
+    }
+    LARGE_INTEGER size = FileSizeOf(handle->filePath);
+    if (size.HighPart != 0) OmkAssertLine(364, "xmlLog.cpp");
+    DWORD bytes = size.LowPart;
+    // Characters against bytes, deliberately coarse: a completed file is far
+    // larger, and an empty or truncated stub is started again from scratch.
+    DWORD threshold =
+        static_cast<DWORD>(wcslen(handle->header) + wcslen(handle->openingTag) + wcslen(handle->closingTag));
+    const wchar_t* mode = bytes > threshold ? L"r+" : L"w+";
+
+    // Text mode: every "\n" written becomes CR LF on disk.
+    errno_t error = _wfopen_s(&handle->fp, handle->filePath, mode);
+    if (handle->fp == nullptr || error != 0) {
+        FreeHandle(handle);
+        return nullptr;
+    }
+
+    if (mode[0] == L'r') {
+        // Back over "</TolvaneAlerts>" and the CR LF that text mode wrote after
+        // it: the next alert overwrites the closing tag.
+        DWORD position = bytes - static_cast<DWORD>(wcslen(handle->closingTag)) - 1;
+        if (fseek(handle->fp, static_cast<long>(position), SEEK_SET) != 0) {
+            FreeHandle(handle);
+            return nullptr;
+        }
+        return handle;
+    }
+
+    if (handle->header[0] == L'\0') {
+        OMK_ReportError(0, L"xmlLogOpen: Error writing header to File %ws %ws", handle->filePath, handle->header);
+    } else {
+        xmlLogWriteString(handle->fp, handle->header);
+    }
+    if (handle->openingTag[0] == L'\0') {
+        OMK_ReportError(0, L"xmlLogOpen: Error writing opening tag to File %ws %ws", handle->filePath,
+                        handle->openingTag);
+    } else {
+        xmlLogWriteString(handle->fp, handle->openingTag);
+    }
+    if (!writeServiceTag(handle)) {
+        OMK_ReportError(0, L"xmlLogOpen: Error writing serviceTag %ws to File %ws", g_serviceTag, handle->filePath);
+        FreeHandle(handle);
+        return nullptr;
+    }
+    return handle;
+}
+
+int writeServiceTag(XMLLOG_HANDLE* handle) {
+    wchar_t tag[4096];
+    OmkFill(tag, sizeof(tag));
+    CStrHelper::StrPrintf(tag, 4096, L"<%ws>", L"ServiceTag");
+    if (handle == nullptr) {
+        OMK_ReportError(0, L"writeServiceTag: Error writing %ws to file", tag);
+        return 0;
+    }
+    xmlLogWriteString(handle->fp, tag);
+    if (!xmlLogWriteUTF8String(handle, g_serviceTag)) {
+        OMK_ReportError(0, L"writeServiceTag: xmlLogWriteUTF8String %ws failed", g_serviceTag);
+        return 0;
+    }
+    CStrHelper::StrPrintf(tag, 4096, L"</%ws>", L"ServiceTag");
+    xmlLogWriteString(handle->fp, tag);
+    return 1;
+}
+
+void xmlLogWriteString(FILE* stream, const wchar_t* format) {
+    if (stream == nullptr || format == nullptr) return;
+    // The text passes the formatter's rules with no arguments: "%%" is one
+    // "%"; any other conversion has no argument to take and is written as it
+    // stands instead of reading one that was never passed.
+    std::wstring text;
+    for (const wchar_t* p = format; *p != L'\0'; ++p) {
+        text += *p;
+        if (p[0] == L'%' && p[1] == L'%') ++p;
+    }
+    fputws(text.c_str(), stream);
+}
+
+int xmlLogWriteUTF8String(XMLLOG_HANDLE* handle, const wchar_t* wideText) {
+    if (handle == nullptr || wideText == nullptr || handle->fp == nullptr) return 0;
+    char utf8[OMK_UTF8_BUFFER_BYTES];
+    if (!WcharToUtf8(wideText, utf8)) {
+        OMK_ReportError(0, L"%hs(): failed for %ls", "WcharToUtf8", wideText);
+        return 0;
+    }
+    // One wide character per UTF-8 byte: the text-mode stream of the default
+    // locale writes each back as that byte, so the UTF-8 reaches the disk as is.
+    wchar_t widened[OMK_UTF8_BUFFER_BYTES];
+    size_t n = 0;
+    for (; utf8[n] != '\0'; ++n) widened[n] = static_cast<wchar_t>(static_cast<unsigned char>(utf8[n]));
+    widened[n] = L'\0';
+    xmlLogWriteString(handle->fp, widened);
+    return 1;
+}
+
+void xmlLogClose(XMLLOG_HANDLE* handle) {
+    if (handle == nullptr) return;
+    wchar_t alertEnd[32];
+    OmkFill(alertEnd, sizeof(alertEnd));
+    CStrHelper::StrPrintf(alertEnd, 32, L"\t</%ws>\n", L"Alert");
+    xmlLogWriteString(handle->fp, alertEnd);
+    if (handle->closingTag[0] == L'\0') {
+        OMK_ReportError(0, L"xmlLogClose: Error writing closing tag %ws to File %ws", handle->closingTag,
+                        handle->filePath);
+    } else {
+        xmlLogWriteString(handle->fp, handle->closingTag);
+    }
+    FreeHandle(handle);
+}
