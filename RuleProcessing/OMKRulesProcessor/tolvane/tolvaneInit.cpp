@@ -28,6 +28,13 @@ DWORD g_actionPluginsInited = 0;
 
 }  // namespace
 
+#ifdef OMK_ENGINE_TEST_SEAMS
+void Tolvane_ForgetStepsForTest() {
+    g_sqliteReady = g_rulePluginsLoaded = g_actionPluginsLoaded = 0;
+    g_rulesLoaded = g_rulePluginsInited = g_actionPluginsInited = 0;
+}
+#endif
+
 DWORD CreateAlertGeneratedEvent() {
     g_alertGeneratedEvent = nullptr;
     PSECURITY_DESCRIPTOR descriptor = nullptr;

@@ -22,3 +22,10 @@ DWORD Tolvane_Term();
 // everyone may wait on it.
 DWORD CreateAlertGeneratedEvent();
 void CloseAlertGeneratedEvent();
+
+#ifdef OMK_ENGINE_TEST_SEAMS
+// Test builds only: forgets which start-up steps were done, so that one test
+// program can start and stop the engine many times. The service process
+// starts it once.
+void Tolvane_ForgetStepsForTest();
+#endif
