@@ -21,7 +21,7 @@ constexpr DWORD kArgumentsRefused = 0xFFFFFFFD;
 constexpr wchar_t kSingleInstanceMutex[] = L"Global\\{A83E6D10-2C5F-4F7B-8D21-4E9C0B7A1F36}OMKW";
 
 void NameErrorLog() {
-    HRESULT hr = CStrHelper::StrPrintf(g_serviceTag, OMK_SERVICE_TAG_CHARS, L"%hs", GetServiceTag());
+    HRESULT hr = CStrHelper::StrPrintf(g_serviceTag, OMK_SERVICE_TAG_CHARS, L"%hs", GetServiceTag().c_str());
     if (FAILED(hr)) {
         OMK_ReportError(0, L"%hs(): CStrHelper::StrPrintf() service tag failed! hr=0x%x(%s)", "wWinMain", hr,
                         ComErrorMessage(hr).Text());
