@@ -237,9 +237,12 @@ TEST_F(Engine, TriggeredRuleEventIsStoredAndSignalled) {
     EXPECT_EQ(std::string::npos, stored.find(omktest::ToUtf8(kGuid2))) << "the other rule did not fire";
 
     // The collector named the rule: its plugin is not asked; only its action runs.
+    // Teardown closes every plugin, actions first, before any is unloaded.
     EXPECT_EQ((std::vector<std::string>{"actA.dll Action_BeginEvaluation", "actB.dll Action_BeginEvaluation",
                                         "actA.dll Action_Execute", "actA.dll Action_EndEvaluation",
-                                        "actB.dll Action_EndEvaluation"}),
+                                        "actB.dll Action_EndEvaluation", "actA.dll Action_CloseDll",
+                                        "actB.dll Action_CloseDll", "ruleA.dll Rule_CloseDll", "actA.dll DllDetach",
+                                        "actB.dll DllDetach", "ruleA.dll DllDetach"}),
               omktest::CallSequence(EventCalls()));
 }
 
