@@ -1,0 +1,188 @@
+// The SMBIOS walk on tables built here, placed against an inaccessible page so
+// that any read past the end faults; the service tag with replaced firmware and
+// computer-name calls, and with the real ones.
+#include <windows.h>
+
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "systemIdentity.h"
+
+namespace {
+
+using Bytes = std::vector<BYTE>;
+constexpr DWORD kRsmb = ('R' << 24) | ('S' << 16) | ('M' << 8) | 'B';
+
+// One structure: type, formatted part after the 4-byte header, string set.
+Bytes Structure(BYTE type, const Bytes& formatted, const std::vector<std::string>& strings) {
+    Bytes out = {type, static_cast<BYTE>(4 + formatted.size()), 0x00, 0x10};
+    out.insert(out.end(), formatted.begin(), formatted.end());
+    for (const std::string& s : strings) out.insert(out.end(), s.c_str(), s.c_str() + s.size() + 1);
+    if (strings.empty()) out.push_back(0);
+    out.push_back(0);
+    return out;
+}
+
+// System information whose serial number is string number `serial`.
+Bytes System(BYTE serial, const std::vector<std::string>& strings) {
+    Bytes formatted(0x17, 0);
+    formatted[3] = serial;
+    return Structure(1, formatted, strings);
+}
+
+const Bytes kBios = Structure(0, Bytes(0x14, 0x11), {"Varn BIOS", "1.02"});
+const Bytes kEnd = Structure(127, {}, {});
+
+Bytes Join(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
+    return out;
+}
+
+Bytes Cut(const Bytes& bytes, size_t size) {
+    return Bytes(bytes.begin(), bytes.begin() + size);
+}
+
+// The bytes copied so that they end exactly where an inaccessible page begins.
+IDENTITY_RESULT Serial(const Bytes& table) {
+    SYSTEM_INFO info;
+    GetSystemInfo(&info);
+    const size_t page = info.dwPageSize;
+    const size_t pages = table.size() / page + 2;
+    BYTE* base = static_cast<BYTE*>(VirtualAlloc(nullptr, pages * page, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+    DWORD old = 0;
+    VirtualProtect(base + (pages - 1) * page, page, PAGE_NOACCESS, &old);
+    BYTE* data = base + (pages - 1) * page - table.size();
+    if (!table.empty()) memcpy(data, table.data(), table.size());
+    IDENTITY_RESULT result = SmbiosSystemSerialNumber(data, table.size());
+    VirtualFree(base, 0, MEM_RELEASE);
+    return result;
+}
+
+TEST(SmbiosSerialNumber, WalksTablesToTheFirstSystemInformation) {
+    const Bytes system = System(1, {"X"});
+    struct Case {
+        const char* what;
+        Bytes table;
+        DWORD error;
+        const char* value;
+    } cases[] = {
+        {"serial present", Join({kBios, System(3, {"Varn", "Harbor", "ABC1234 "}), kEnd}), 0, "ABC1234 "},
+        {"last structure", Join({kBios, System(1, {"XYZ"})}), 0, "XYZ"},
+        {"first type 1 decides", Join({System(1, {"FIRST"}), System(1, {"SECOND"})}), 0, "FIRST"},
+        {"string number 0", Join({kBios, System(0, {"Varn"}), System(1, {"LATER"})}), 13, nullptr},
+        {"empty string ends the set", Join({kBios, System(3, {"Varn", "", "HIDDEN"})}), 232, nullptr},
+        {"zero structure length", Join({kBios, Bytes{7, 0, 0, 0, 0, 0}, system}), 13, nullptr},
+        {"type 1 past the end", Join({kBios, Cut(system, 12)}), 13, nullptr},
+        {"type 1 serial byte past the end", Join({kBios, Cut(system, 6)}), 13, nullptr},
+        {"unterminated serial", Join({kBios, Cut(system, system.size() - 2)}), 232, nullptr},
+        {"other structure past the end", Cut(kBios, 10), 232, nullptr},
+        {"missing double zero", Cut(kBios, kBios.size() - 1), 232, nullptr},
+        {"no system information", Join({kBios, kEnd}), 232, nullptr},
+        {"empty table", Bytes{}, 232, nullptr},
+        {"one byte", Bytes{1}, 232, nullptr},
+    };
+    for (const Case& c : cases) {
+        IDENTITY_RESULT result = Serial(c.table);
+        EXPECT_EQ(result.error, c.error) << c.what;
+        EXPECT_EQ(result.hasValue, c.value != nullptr) << c.what;
+        EXPECT_EQ(result.value, c.value != nullptr ? c.value : "") << c.what;
+    }
+    EXPECT_EQ(SmbiosSystemSerialNumber(nullptr, 10).error, static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(SmbiosString(nullptr, kBios.data(), 1).error, static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+}
+
+// The firmware's form: version bytes, 32-bit little-endian table length, table.
+Bytes Raw(const Bytes& table) {
+    const size_t n = table.size();
+    Bytes raw = {0, 3, 4, 0, static_cast<BYTE>(n), static_cast<BYTE>(n >> 8), static_cast<BYTE>(n >> 16), 0};
+    raw.insert(raw.end(), table.begin(), table.end());
+    return raw;
+}
+
+// What the replaced firmware and computer-name calls give.
+struct FakeSources {
+    Bytes raw;
+    UINT growOnFetch = 0;  // added to the size the fetch (second call) reports
+    DWORD firmwareError = 0;
+    int firmwareCalls = 0;
+    std::string computerName = "VARN-PC";
+    DWORD computerNameError = 0;
+} g_fake;
+
+UINT WINAPI FakeFirmware(DWORD provider, DWORD tableId, PVOID buffer, DWORD bytes) {
+    ++g_fake.firmwareCalls;
+    if (provider != kRsmb || tableId != 0 || g_fake.firmwareError != 0) {
+        SetLastError(g_fake.firmwareError != 0 ? g_fake.firmwareError : ERROR_INVALID_FUNCTION);
+        return 0;
+    }
+    if (buffer != nullptr) memcpy(buffer, g_fake.raw.data(), g_fake.raw.size() < bytes ? g_fake.raw.size() : bytes);
+    return static_cast<UINT>(g_fake.raw.size()) + (buffer != nullptr ? g_fake.growOnFetch : 0);
+}
+
+BOOL WINAPI FakeComputerName(LPSTR buffer, LPDWORD chars) {
+    if (g_fake.computerNameError != 0 || *chars != 16) {
+        SetLastError(g_fake.computerNameError);
+        return FALSE;
+    }
+    strcpy_s(buffer, *chars, g_fake.computerName.c_str());
+    *chars = static_cast<DWORD>(g_fake.computerName.size());
+    return TRUE;
+}
+
+std::string ServiceTagFrom(const FakeSources& sources) {
+    g_fake = sources;
+    SetServiceTagSourcesForTest(FakeFirmware, FakeComputerName);
+    std::string tag = GetServiceTag();
+    SetServiceTagSourcesForTest(nullptr, nullptr);
+    return tag;
+}
+
+TEST(ServiceTag, IsTheSerialNumberElseTheComputerNameElseUnknown) {
+    FakeSources good;
+    good.raw = Raw(Join({kBios, System(3, {"Varn", "Harbor", "7XK2Q93"}), kEnd}));
+    g_fake = good;
+    SetServiceTagSourcesForTest(FakeFirmware, FakeComputerName);
+    EXPECT_EQ(GetServiceTag(), "7XK2Q93");
+    EXPECT_EQ(GetServiceTag(), "7XK2Q93");
+    EXPECT_EQ(g_fake.firmwareCalls, 2) << "the table is read once (size, then fetch) and cached";
+
+    std::vector<FakeSources> noSerial(6);
+    noSerial[0].raw = Raw(Join({kBios, System(0, {"Varn"}), kEnd}));
+    noSerial[1].firmwareError = ERROR_ACCESS_DENIED;
+    noSerial[2].raw = Bytes(9, 0);  // shorter than header and end marker
+    noSerial[3].raw = Raw(System(1, {"X"}));
+    noSerial[3].growOnFetch = 4;  // grew between size query and fetch
+    noSerial[4].raw = Raw(Bytes{1, 2, 3, 4});
+    noSerial[5].raw = Raw(System(1, {"X"}));
+    noSerial[5].raw[4] += 1;  // header length disagrees with the size
+    for (size_t i = 0; i < noSerial.size(); ++i) EXPECT_EQ(ServiceTagFrom(noSerial[i]), "VARN-PC") << "case " << i;
+
+    FakeSources unnamed = noSerial[1];
+    unnamed.computerName = "";
+    EXPECT_EQ(ServiceTagFrom(unnamed), "UNKNOWN");
+    unnamed.computerNameError = ERROR_BUFFER_OVERFLOW;
+    EXPECT_EQ(ServiceTagFrom(unnamed), "UNKNOWN");
+}
+
+TEST(ServiceTag, ComesFromTheRealFirmwareTableOrComputerName) {
+    UINT size = GetSystemFirmwareTable(kRsmb, 0, nullptr, 0);
+    if (size != 0) {
+        Bytes raw(size);
+        ASSERT_EQ(GetSystemFirmwareTable(kRsmb, 0, raw.data(), size), size);
+        EXPECT_EQ(SmbiosCheckRawTable(raw.data(), raw.size()), 0u);
+    }
+    char name[16] = {};
+    DWORD chars = 16;
+    ASSERT_TRUE(GetComputerNameA(name, &chars));
+    EXPECT_EQ(ReadComputerName().value, name);
+    const std::string tag = GetServiceTag();
+    EXPECT_FALSE(tag.empty());
+    EXPECT_NE(tag, "UNKNOWN");
+}
+
+}  // namespace
