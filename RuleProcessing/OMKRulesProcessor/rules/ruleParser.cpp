@@ -77,26 +77,25 @@ struct RuleAttributeReader {
 
 // The text of the first `xpath` element of a rule document, copied to the heap.
 // Each failure is logged with the caller's formats (each takes the rule index).
-enum class ChildResult { Ok, Failed };
-ChildResult ReadRuleChild(IXMLDOMDocument* doc, const wchar_t* xpath, int ruleIndex, const wchar_t* readFailed,
-                          const wchar_t* readNull, const wchar_t* copyFailed, wchar_t** out) {
+bool ReadRuleChild(IXMLDOMDocument* doc, const wchar_t* xpath, int ruleIndex, const wchar_t* readFailed,
+                   const wchar_t* readNull, const wchar_t* copyFailed, wchar_t** out) {
     unsigned int count = 0;
     BSTR text = nullptr;
     if (!ReadXmlElement(doc, xpath, 0, &count, &text)) {
         OMK_ReportError(0, readFailed, ruleIndex);
-        return ChildResult::Failed;
+        return false;
     }
     if (text == nullptr) {
         OMK_ReportError(0, readNull, ruleIndex);
-        return ChildResult::Failed;
+        return false;
     }
     *out = CopyText(text);
     SysFreeString(text);
     if (*out == nullptr) {
         OMK_ReportError(0, copyFailed, ruleIndex);
-        return ChildResult::Failed;
+        return false;
     }
-    return ChildResult::Ok;
+    return true;
 }
 
 void ReadMaxAlertFiles(IXMLDOMDocument* doc) {
@@ -159,13 +158,6 @@ int LoadPluginConfig(IXMLDOMDocument* doc, const wchar_t* xpath, Plugin* (*find)
         if (plugin->configXml == nullptr) return 0;
     }
     return 1;
-}
-
-void AppendRule(RULE* rule) {
-    RULE** tail = &g_rules;
-    while (*tail != nullptr) tail = &(*tail)->next;
-    *tail = rule;
-    ++g_numRules;
 }
 
 }  // namespace
@@ -308,14 +300,14 @@ bool FillRule(IXMLDOMDocument* doc, int i, RULE* rule) {
         return false;
     }
 
-    if (ReadRuleChild(doc, L"/Rule/Name", i, L"ParseRule: unable to read rule %d name",
-                      L"ParseRule: read NULL for rule %d name", L"ParseRule: rule %d could not copy name - out of mem",
-                      &rule->name) != ChildResult::Ok) {
+    if (!ReadRuleChild(doc, L"/Rule/Name", i, L"ParseRule: unable to read rule %d name",
+                       L"ParseRule: read NULL for rule %d name", L"ParseRule: rule %d could not copy name - out of mem",
+                       &rule->name)) {
         return false;
     }
-    if (ReadRuleChild(doc, L"/Rule/Descr", i, L"ParseRule: unable to read rule %d descr",
-                      L"ParseRule: read NULL as rule %d descr", L"ParseRule: rule %d could not copy descr - out of mem",
-                      &rule->descr) != ChildResult::Ok) {
+    if (!ReadRuleChild(doc, L"/Rule/Descr", i, L"ParseRule: unable to read rule %d descr",
+                       L"ParseRule: read NULL as rule %d descr",
+                       L"ParseRule: rule %d could not copy descr - out of mem", &rule->descr)) {
         return false;
     }
 
@@ -372,9 +364,9 @@ bool FillRule(IXMLDOMDocument* doc, int i, RULE* rule) {
     rule->maxTriggerPerBoot = DecimalValue(value);
     SysFreeString(value);
 
-    if (ReadRuleChild(doc, L"/Rule/AlertMsg", i, L"ParseRule: unable to read alertMsg in rule %d ",
-                      L"ParseRule: read NULL rule %d alertMsg",
-                      L"ParseRule: rule %d could not copy alertMsg - out of mem", &rule->alertMsg) != ChildResult::Ok) {
+    if (!ReadRuleChild(doc, L"/Rule/AlertMsg", i, L"ParseRule: unable to read alertMsg in rule %d ",
+                       L"ParseRule: read NULL rule %d alertMsg",
+                       L"ParseRule: rule %d could not copy alertMsg - out of mem", &rule->alertMsg)) {
         return false;
     }
 
@@ -487,6 +479,7 @@ DWORD ParseRuleDefinitions(const wchar_t* text) {
         status = RULES_PARSE_FAILED;
     }
 
+    RULE** tail = &g_rules;  // rules are appended in document order
     for (unsigned int i = 0; status == RULES_OK && i < numRuleElements; ++i) {
         BSTR ruleXml = nullptr;
         if (!ReadIthXmlTree(doc, kRulePath, i, &ruleXml)) {
@@ -497,7 +490,10 @@ DWORD ParseRuleDefinitions(const wchar_t* text) {
         }
         RULE* rule = ParseRule(static_cast<int>(i), ruleXml);
         SysFreeString(ruleXml);
-        if (rule != nullptr) AppendRule(rule);
+        if (rule == nullptr) continue;
+        *tail = rule;
+        tail = &rule->next;
+        ++g_numRules;
     }
     if (status == RULES_OK && g_rules == nullptr) {
         OMK_ReportError(0, L"ParseRuleDefintions: No rules got added (numRules %d) !",

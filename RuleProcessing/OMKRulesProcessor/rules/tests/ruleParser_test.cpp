@@ -1,7 +1,5 @@
 // The parser's entry points on their own, its COM balance, very large and
 // deeply nested files, and the rule file read from the install folder.
-#include <stdlib.h>
-
 #include <functional>
 #include <memory>
 #include <string>
@@ -44,31 +42,6 @@ TEST_F(RuleParser, UnloadableRuleOrActionXmlIsReportedWithItsNumbers) {
                        "ParseRuleAction: rule 4 action 1 null xml",
                        "ParseRuleAction: unable to load XML for rule 4 action 2 <Action"}),
               Messages());
-}
-
-TEST_F(RuleParser, ADirectlyParsedRuleIsOwnedByTheCaller) {
-    RULE* rule = ParseRule(0,
-                           L"<Rule Type=\"DataRules\" Platform=\"Desktops\"><Name>n</Name><Descr>d</Descr>"
-                           L"<RuleGuid>{R}</RuleGuid><AlertMsg>m</AlertMsg>"
-                           L"<Action Type=\"Notify\"/><Action Type=\"Collect\"/></Rule>");
-    ASSERT_NE(nullptr, rule);
-    EXPECT_EQ(allocLoaded_ + 1 + 7 + 2 * 3, g_allocCount) << "the rule, its seven texts, two actions with two each";
-    EXPECT_EQ(nullptr, g_rules) << "ParseRule does not append";
-    FreeRule(rule);
-    FreeRule(nullptr);
-    EXPECT_EQ(allocLoaded_, g_allocCount);
-
-    RULE_ACTION* action = ParseRuleAction(0, 0, L"<Action Type=\"collect\" Level=\"2\"/>");
-    ASSERT_NE(nullptr, action);
-    EXPECT_EQ("collect", U8(action->type));
-    EXPECT_EQ(nullptr, action->next);
-    EXPECT_EQ(allocLoaded_ + 3, g_allocCount);
-    // An action is freed with the rule that holds it.
-    RULE* holder = static_cast<RULE*>(calloc(1, sizeof(RULE)));
-    ++g_allocCount;
-    holder->actions = action;
-    FreeRule(holder);
-    EXPECT_EQ(Strings{}, Messages());
 }
 
 TEST_F(RuleParser, EveryDocumentIsReleasedAndItsApartmentLeft) {
