@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "comServerThread.h"
+#include "comServer.h"
 #include "conventions.h"
 #include "omkErrors.h"
 #include "productVersion.h"
