@@ -7,7 +7,8 @@ rem                                  create the service, register the COM class 
 rem   omkInstall uninstall [folder]  stop and delete the service, remove the registrations
 rem                                  and the installed files
 rem
-rem Run it as an administrator. Exit code 0 on success.
+rem Run it as an administrator. Exit code 0 on success. Errors are checked with
+rem "if errorlevel" after each step rather than "||", which Wine's cmd mis-handles.
 setlocal
 set "ACTION=%~1"
 set "TARGET=%~2"
@@ -25,14 +26,19 @@ exit /b 87
 echo Installing %SERVICE% into "%TARGET%"
 if not exist "%TARGET%" mkdir "%TARGET%"
 for %%F in (OMKRulesProcessor.exe omkErrors.dll omkDb.dll omkCollectorRules.dll omkActionLog.dll insvcAlerts.xml omkTolvaneReg.exe) do (
-    copy /y "%SOURCE%%%F" "%TARGET%\%%F" >nul || goto failed
+    copy /y "%SOURCE%%%F" "%TARGET%\%%F" >nul
+    if errorlevel 1 goto failed
 )
-sc create %SERVICE% binPath= "%TARGET%\OMKRulesProcessor.exe" type= own start= auto DisplayName= "Orlemark rules processor" >nul || goto failed
+sc create %SERVICE% binPath= "%TARGET%\OMKRulesProcessor.exe" type= own start= auto DisplayName= "Orlemark rules processor" >nul
+if errorlevel 1 goto failed
 sc description %SERVICE% "Decides which Orlemark rules fire for collector events and stores the alerts." >nul 2>nul
 rem Collectors reach the class through the service: CoCreateInstance starts it.
-"%TARGET%\omkTolvaneReg.exe" /regservice "%TARGET%\OMKRulesProcessor.exe" %SERVICE% || goto failed
-reg add "%KEYROOT%\RulePlugin\OMKCollectorRules" /v DllPath /t REG_SZ /d "%TARGET%\omkCollectorRules.dll" /f >nul || goto failed
-reg add "%KEYROOT%\ActionPlugin\OMKActionLog" /v DllPath /t REG_SZ /d "%TARGET%\omkActionLog.dll" /f >nul || goto failed
+"%TARGET%\omkTolvaneReg.exe" /regservice "%TARGET%\OMKRulesProcessor.exe" %SERVICE%
+if errorlevel 1 goto failed
+reg add "%KEYROOT%\RulePlugin\OMKCollectorRules" /v DllPath /t REG_SZ /d "%TARGET%\omkCollectorRules.dll" /f >nul
+if errorlevel 1 goto failed
+reg add "%KEYROOT%\ActionPlugin\OMKActionLog" /v DllPath /t REG_SZ /d "%TARGET%\omkActionLog.dll" /f >nul
+if errorlevel 1 goto failed
 echo Installed. Start it with: net start %SERVICE%
 exit /b 0
 
