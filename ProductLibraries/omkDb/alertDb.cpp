@@ -75,7 +75,13 @@ void SqliteLog(void*, int code, const char* message) {
     OMK_ReportError(0, L"SQLite: (%d) %hs", code, message);
 }
 
+// %ProgramData% first, as the service's folders and its error log take it, so
+// that all of them agree where the environment differs from the known folder
+// (a service under Wine gets C:\users\Public there).
 std::wstring DataFolder() {
+    wchar_t fromEnvironment[MAX_PATH];
+    DWORD n = GetEnvironmentVariableW(L"ProgramData", fromEnvironment, MAX_PATH);
+    if (n > 0 && n < MAX_PATH) return std::wstring(fromEnvironment, n) + L"\\Varn\\Orlemark\\Data";
     std::wstring folder;
     wchar_t* programData = nullptr;
     if (SUCCEEDED(SHGetKnownFolderPath(FOLDERID_ProgramData, 0, nullptr, &programData)) && programData != nullptr) {

@@ -1,0 +1,68 @@
+// The test side of tolvaneTestHost: starts it, reads its record file and its
+// error log, stops it (or kills it when it does not stop in time).
+#pragma once
+
+#include <windows.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "testSupport.h"
+
+namespace comtest {
+
+// One line of the host's record: its type and its key=value fields.
+struct Record {
+    std::string type;
+    std::map<std::string, std::string> fields;
+
+    std::string operator[](const std::string& key) const {
+        auto found = fields.find(key);
+        return found == fields.end() ? std::string("<missing>") : found->second;
+    }
+};
+
+class TestHost {
+public:
+    // Starts a host named after `tag` and waits (20 s at most) until it serves.
+    explicit TestHost(const std::wstring& tag, bool engineLater = false);
+    // Stops the host if it still runs.
+    ~TestHost();
+    TestHost(const TestHost&) = delete;
+    TestHost& operator=(const TestHost&) = delete;
+
+    bool Serving() const { return serving_; }
+    DWORD ProcessId() const { return process_.dwProcessId; }
+    // The engine thread's id as the host reported it; 0 before it runs.
+    DWORD EngineThread() const;
+
+    // With engine-later: starts the engine thread and waits until it runs.
+    bool StartEngine();
+
+    std::vector<Record> Records(const std::string& type) const;
+    std::vector<Record> Items() const { return Records("item"); }
+    bool WaitForItems(size_t count, DWORD timeoutMs = 30000) const;
+
+    // Stops the host as the service stops and waits for it to exit; a host
+    // that does not exit in time is killed. True when it exited with 0.
+    bool Stop(DWORD timeoutMs = 40000);
+
+    // The host's error log (the messages of the code under test).
+    const omktest::ErrorLog& Log() const { return *log_; }
+
+private:
+    omktest::TempFolder folder_;
+    std::wstring name_;
+    std::wstring recordPath_;
+    std::unique_ptr<omktest::ErrorLog> log_;
+    HANDLE ready_ = nullptr;
+    HANDLE engine_ = nullptr;
+    HANDLE stop_ = nullptr;
+    PROCESS_INFORMATION process_ = {};
+    bool serving_ = false;
+    bool running_ = false;
+};
+
+}  // namespace comtest

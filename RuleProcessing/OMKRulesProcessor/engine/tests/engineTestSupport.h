@@ -1,0 +1,70 @@
+// What programs that run the queue without the whole engine need: the queue
+// lock set up and taken down the way engine start-up and teardown do it, and a
+// reader of the debugger output so that trace lines can be asserted.
+#pragma once
+
+#include <windows.h>
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace omktest {
+
+// The first step of engine start-up: the queue lock exists and items can be
+// queued. Call once before anything is queued.
+void InitWorkQueueLock();
+
+// The last step of engine teardown: the lock is deleted and the flag cleared.
+void DeleteWorkQueueLock();
+
+// One line written with OutputDebugString, and the process that wrote it.
+struct TraceLine {
+    DWORD processId;
+    std::string text;
+};
+
+// Reads every process's debugger output, as a debugging monitor does, while it
+// exists. Only one monitor can exist per session: Active() is false when
+// another one runs. Writers block (up to 10 s) while the monitor is stalled.
+class TraceMonitor {
+public:
+    TraceMonitor();
+    ~TraceMonitor();
+    TraceMonitor(const TraceMonitor&) = delete;
+    TraceMonitor& operator=(const TraceMonitor&) = delete;
+
+    bool Active() const { return thread_ != nullptr; }
+
+    // Lines seen so far, of one process (0: all), in the order written.
+    std::vector<std::string> Lines(DWORD processId = GetCurrentProcessId()) const;
+    // Number of lines of that process containing `text`.
+    size_t Count(const std::string& text, DWORD processId = GetCurrentProcessId()) const;
+    // Waits until at least `count` lines of that process contain `text`.
+    bool WaitFor(const std::string& text, size_t count, DWORD timeoutMs, DWORD processId = GetCurrentProcessId()) const;
+    void Clear();
+
+    // Stops accepting lines for `ms` milliseconds, counted from now: every
+    // OutputDebugString in the session waits meanwhile (a line already being
+    // written still arrives).
+    void Stall(DWORD ms);
+
+private:
+    static DWORD WINAPI ReaderProc(LPVOID self);
+    void Read();
+
+    HANDLE bufferReady_ = nullptr;
+    HANDLE dataReady_ = nullptr;
+    HANDLE mapping_ = nullptr;
+    const void* view_ = nullptr;
+    HANDLE stop_ = nullptr;
+    HANDLE stallRequest_ = nullptr;
+    HANDLE stallAck_ = nullptr;
+    HANDLE thread_ = nullptr;
+    mutable std::mutex lock_;
+    std::vector<TraceLine> lines_;
+    volatile LONG stallUntil_ = 0;  // GetTickCount value; 0: not stalled
+};
+
+}  // namespace omktest

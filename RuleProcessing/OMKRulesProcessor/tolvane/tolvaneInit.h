@@ -1,0 +1,31 @@
+// Engine start-up and teardown, on the service main thread. Each start-up step
+// that succeeds sets a flag, so the teardown undoes exactly what was done.
+#pragma once
+
+#include <windows.h>
+
+// The machine-wide event set after each stored alert; null when not created.
+extern HANDLE g_alertGeneratedEvent;
+
+// Brings the engine up: queue lock, alert-generated event, alert database
+// library, plugins, rule definitions, plugin initialisers, engine thread.
+// Returns 0, 1 (event, database library, empty rule table, engine thread),
+// 7 (rule file not parsed), 9 (rule file not read) or a loader's or plugin
+// initialiser's own code.
+DWORD Tolvane_Init();
+
+// Undoes what Tolvane_Init did, also after a failed or absent Tolvane_Init.
+// Always 0.
+DWORD Tolvane_Term();
+
+// The alert-generated event: administrators and LocalSystem may set it,
+// everyone may wait on it.
+DWORD CreateAlertGeneratedEvent();
+void CloseAlertGeneratedEvent();
+
+#ifdef OMK_ENGINE_TEST_SEAMS
+// Test builds only: forgets which start-up steps were done, so that one test
+// program can start and stop the engine many times. The service process
+// starts it once.
+void Tolvane_ForgetStepsForTest();
+#endif

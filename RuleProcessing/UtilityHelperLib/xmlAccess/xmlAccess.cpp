@@ -1,0 +1,253 @@
+#include "xmlAccess.h"
+
+#include <wchar.h>
+
+#include "omkErrors.h"
+
+namespace {
+
+// The DOM document class of the MSXML headers, {2933BF90-7B36-11D2-B20E-00C04F983E60}.
+// Defined here because the SDK headers map the name to other classes and the
+// import libraries do not all provide it.
+const CLSID kClsidDomDocument = {0x2933BF90, 0x7B36, 0x11D2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
+
+unsigned int Hex(HRESULT hr) {
+    return static_cast<unsigned int>(hr);
+}
+
+// An empty text and a missing one mean the same to every caller: no value.
+BSTR NullIfEmpty(BSTR text) {
+    if (text != nullptr && SysStringLen(text) == 0) {
+        SysFreeString(text);
+        return nullptr;
+    }
+    return text;
+}
+
+// The nodes `xpath` selects in `doc`, or null with the failure logged in the
+// caller's own words (its two formats take the code and the path).
+IXMLDOMNodeList* Select(IXMLDOMDocument* doc, const wchar_t* xpath, const wchar_t* allocFailedFormat,
+                        const wchar_t* selectFailedFormat) {
+    BSTR path = SysAllocString(xpath);
+    if (path == nullptr) {
+        OMK_ReportError(0, allocFailedFormat, GetLastError(), xpath);
+        return nullptr;
+    }
+    IXMLDOMNodeList* list = nullptr;
+    HRESULT hr = doc->selectNodes(path, &list);
+    SysFreeString(path);
+    if (FAILED(hr) || list == nullptr) {
+        OMK_ReportError(0, selectFailedFormat, Hex(hr), xpath);
+        if (list != nullptr) list->Release();
+        return nullptr;
+    }
+    return list;
+}
+
+}  // namespace
+
+IXMLDOMDocument* LoadXML(const wchar_t* text) {
+    HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"LoadXML: CoInitializeEx failed 0x%x", Hex(hr));
+        return nullptr;
+    }
+    IXMLDOMDocument* doc = nullptr;
+    hr = CoCreateInstance(kClsidDomDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
+                          reinterpret_cast<void**>(&doc));
+    if (FAILED(hr) || doc == nullptr) {
+        OMK_ReportError(0, L"LoadXML: CoCreateInstance failed 0x%x", Hex(hr));
+        return nullptr;
+    }
+    if (text == nullptr) text = L"";
+    // A file read with its UTF-8 byte-order mark widened byte by byte.
+    if (text[0] == 0x00EF && text[1] == 0x00BB && text[2] == 0x00BF) text += 3;
+
+    BSTR xml = SysAllocString(text);
+    if (xml == nullptr) {
+        OMK_ReportError(0, L"LoadXML: SysAllocString failed 0x%x\n%ws", GetLastError(), text);
+        doc->Release();
+        return nullptr;
+    }
+    VARIANT_BOOL loaded = VARIANT_FALSE;
+    hr = doc->loadXML(xml, &loaded);
+    SysFreeString(xml);
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"LoadXML: LoadXML failed 0x%x\n%ws", Hex(hr), text);
+        doc->Release();
+        return nullptr;
+    }
+    if (loaded != VARIANT_TRUE) {
+        doc->Release();
+        return nullptr;
+    }
+    return doc;
+}
+
+int GetNumInstancesInXml(IXMLDOMDocument* doc, const wchar_t* xpath, unsigned int* count) {
+    *count = 0;
+    if (doc == nullptr) {
+        OMK_ReportError(0, L"GetNumInstancesInXml: doc is null\n%ws", xpath);
+        return 0;
+    }
+    IXMLDOMNodeList* list = Select(doc, xpath, L"GetNumInstancesInXml: SysAllocString failed 0x%x\n%ws",
+                                   L"GetNumInstancesInXml: selectNodes failed 0x%x\n%ws");
+    if (list == nullptr) return 0;
+    long length = 0;
+    HRESULT hr = list->get_length(&length);
+    list->Release();
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"GetNumInstancesInXml: get_length () failed 0x%x\n%ws", Hex(hr), xpath);
+        return 0;
+    }
+    *count = static_cast<unsigned int>(length);
+    return 1;
+}
+
+int ReadXmlElement(IXMLDOMDocument* doc, const wchar_t* xpath, unsigned int /*index*/, unsigned int* count,
+                   BSTR* text) {
+    *text = nullptr;
+    if (doc == nullptr) return 0;
+    IXMLDOMNodeList* list = Select(doc, xpath, L"ReadXmlElement: SysAllocString failed 0x%x\n%ws",
+                                   L"ReadXmlElement: selectNodes failed 0x%x\n%ws");
+    if (list == nullptr) return 0;
+    long length = 0;
+    HRESULT hr = list->get_length(&length);
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"ReadXmlElement: get_length failed 0x%x\n%ws", Hex(hr), xpath);
+        list->Release();
+        return 0;
+    }
+    *count = static_cast<unsigned int>(length);
+    if (length < 0) {
+        OMK_ReportError(0, L"ReadXmlElement: cannot find instance %d (only %d instances exist)\n%ws", 0,
+                        static_cast<int>(length), xpath);
+        list->Release();
+        return 0;
+    }
+    // Always the first node: a second instance of an element is not an error here.
+    IXMLDOMNode* node = nullptr;
+    hr = list->get_item(0, &node);
+    list->Release();
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"ReadXmlElement: nodelist->get_item (%d) failed 0x%x\n%ws", 0, Hex(hr), xpath);
+        if (node != nullptr) node->Release();
+        return 0;
+    }
+    if (node == nullptr) return 0;
+    BSTR value = nullptr;
+    hr = node->get_text(&value);
+    node->Release();
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"ReadXmlElement: get node text error 0x%x\n%ws", Hex(hr), xpath);
+        SysFreeString(value);
+        return 0;
+    }
+    *text = NullIfEmpty(value);
+    return 1;
+}
+
+int ReadIthXmlTree(IXMLDOMDocument* doc, const wchar_t* xpath, unsigned int i, BSTR* xml) {
+    *xml = nullptr;
+    if (doc == nullptr) return 0;
+    IXMLDOMNodeList* list = Select(doc, xpath, L"ReadIthXmlTree: SysAllocString failed 0x%x\n%ws",
+                                   L"ReadIthXmlTree: selectNodes failed 0x%x\n%ws");
+    if (list == nullptr) return 0;
+    IXMLDOMNode* node = nullptr;
+    HRESULT hr = list->get_item(static_cast<long>(i), &node);
+    list->Release();
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"ReadIthXmlTree: nodelist->get_item (%d) failed 0x%x\n%ws", static_cast<int>(i), Hex(hr),
+                        xpath);
+        if (node != nullptr) node->Release();
+        return 0;
+    }
+    if (node == nullptr) {
+        OMK_ReportError(0, L"ReadIthXmlTree: nodelist->get_item (%d) succ 0x%x but node ptr NULL\n%ws",
+                        static_cast<int>(i), Hex(hr), xpath);
+        return 0;
+    }
+    BSTR value = nullptr;
+    hr = node->get_xml(&value);
+    node->Release();
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"ReadIthXmlTree: nodelist->get_xml (%d) failed 0x%x\n%ws", static_cast<int>(i), Hex(hr),
+                        xpath);
+        SysFreeString(value);
+        return 0;
+    }
+    *xml = NullIfEmpty(value);
+    return 1;
+}
+
+XML_ATTRIBUTE_RESULT ReadXmlElementAttribute(IXMLDOMDocument* doc, const wchar_t* xpath, unsigned int i,
+                                             const wchar_t* name, const wchar_t* defaultValue, BSTR* value) {
+    *value = nullptr;
+    if (doc == nullptr) return XML_ATTRIBUTE_NOT_FOUND;
+    IXMLDOMNodeList* list = Select(doc, xpath, L"ReadXmlElementAttribute: SysAllocString failed 0x%x\n%ws",
+                                   L"ReadXmlElementAttribute: selectNodes failed 0x%x\n%ws");
+    if (list == nullptr) return XML_ATTRIBUTE_NOT_FOUND;
+    long length = 0;
+    HRESULT hr = list->get_length(&length);
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"ReadXmlElementAttribute: get_length failed 0x%x\n%ws", Hex(hr), xpath);
+        list->Release();
+        return XML_ATTRIBUTE_NOT_FOUND;
+    }
+    // An index equal to the length passes here and then finds no node.
+    if (length < 0 || static_cast<unsigned long>(length) < i) {
+        OMK_ReportError(0, L"ReadXmlElementAttribute: cannot find instance %d (only %d instances exist): %ws",
+                        static_cast<int>(i), static_cast<int>(length), xpath);
+        list->Release();
+        return XML_ATTRIBUTE_NOT_FOUND;
+    }
+    IXMLDOMNode* node = nullptr;
+    hr = list->get_item(static_cast<long>(i), &node);
+    list->Release();
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"ReadXmlElementAttribute: nodelist->get_item (%d) failed 0x%x\n%ws", static_cast<int>(i),
+                        Hex(hr), xpath);
+        if (node != nullptr) node->Release();
+        return XML_ATTRIBUTE_NOT_FOUND;
+    }
+    if (node == nullptr) return XML_ATTRIBUTE_NOT_FOUND;
+
+    IXMLDOMNamedNodeMap* attributes = nullptr;
+    hr = node->get_attributes(&attributes);
+    node->Release();
+    if (FAILED(hr) || attributes == nullptr) {
+        if (attributes != nullptr) attributes->Release();
+        return XML_ATTRIBUTE_NOT_FOUND;
+    }
+    long numAttributes = 0;
+    hr = attributes->get_length(&numAttributes);
+    if (FAILED(hr) || numAttributes <= 0) {
+        attributes->Release();
+        return XML_ATTRIBUTE_NOT_FOUND;
+    }
+
+    XML_ATTRIBUTE_RESULT result = XML_ATTRIBUTE_NOT_FOUND;
+    for (long k = 0; k < numAttributes && result == XML_ATTRIBUTE_NOT_FOUND; ++k) {
+        IXMLDOMNode* attribute = nullptr;
+        if (FAILED(attributes->get_item(k, &attribute)) || attribute == nullptr) continue;
+        BSTR baseName = nullptr;
+        // The local name, compared exactly: "enabled" is not "Enabled".
+        if (SUCCEEDED(attribute->get_baseName(&baseName)) && baseName != nullptr && wcscmp(baseName, name) == 0) {
+            BSTR text = nullptr;
+            if (SUCCEEDED(attribute->get_text(&text))) {
+                *value = NullIfEmpty(text);
+                result = XML_ATTRIBUTE_FOUND;
+            } else {
+                SysFreeString(text);
+            }
+        }
+        SysFreeString(baseName);
+        attribute->Release();
+    }
+    attributes->Release();
+    if (result == XML_ATTRIBUTE_FOUND) return result;
+
+    if (defaultValue == nullptr) return XML_ATTRIBUTE_NOT_FOUND;
+    *value = SysAllocString(defaultValue);
+    return *value != nullptr ? XML_ATTRIBUTE_FOUND : XML_ATTRIBUTE_NOT_FOUND;
+}
