@@ -12,54 +12,14 @@
 #include "omkErrors.h"
 #include "strHelper.h"
 #include "textFileHelpers.h"
+#include "xmlAccess.h"
 
 namespace {
 
 const wchar_t kRootTag[] = L"TolvaneAlerts";
 
-// The MSXML DOM document class; mingw's libraries do not define it.
-const CLSID kDomDocumentClsid = {0x2933BF90, 0x7B36, 0x11D2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
-
 const wchar_t* OrNull(const wchar_t* text) {
     return text != nullptr ? text : L"null";
-}
-
-// Loads text as an XML document through MSXML, as the XML access layer's
-// LoadXML does: the thread enters the multithreaded apartment and the caller
-// ends it with CoUninitialize after releasing the document. A text that is
-// not well-formed gives null without a message.
-IXMLDOMDocument* LoadAlertXml(const wchar_t* text) {
-    HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    if (FAILED(hr)) {
-        OMK_ReportError(0, L"LoadXML: CoInitializeEx failed 0x%x", static_cast<unsigned>(hr));
-        return nullptr;
-    }
-    IXMLDOMDocument* doc = nullptr;
-    hr = CoCreateInstance(kDomDocumentClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
-                          reinterpret_cast<void**>(&doc));
-    if (FAILED(hr) || doc == nullptr) {
-        OMK_ReportError(0, L"LoadXML: CoCreateInstance failed 0x%x", static_cast<unsigned>(hr));
-        return nullptr;
-    }
-    BSTR xml = SysAllocString(text);
-    if (xml == nullptr) {
-        OMK_ReportError(0, L"LoadXML: SysAllocString failed 0x%x\n%ws", GetLastError(), text);
-        doc->Release();
-        return nullptr;
-    }
-    VARIANT_BOOL loaded = VARIANT_FALSE;
-    hr = doc->loadXML(xml, &loaded);
-    SysFreeString(xml);
-    if (FAILED(hr)) {
-        OMK_ReportError(0, L"LoadXML: LoadXML failed 0x%x\n%ws", static_cast<unsigned>(hr), text);
-        doc->Release();
-        return nullptr;
-    }
-    if (loaded != VARIANT_TRUE) {
-        doc->Release();
-        return nullptr;
-    }
-    return doc;
 }
 
 // Size of the file opened without sharing; 0 when it cannot be opened or sized.
@@ -91,7 +51,7 @@ bool validateXmlFile(const wchar_t* path) {
         OMK_ReportError(0, L"validateXmlFile: could not read file %ws - assuming good", path);
         return true;
     }
-    IXMLDOMDocument* doc = LoadAlertXml(text);
+    IXMLDOMDocument* doc = LoadXML(text);
     if (doc == nullptr) {
         OMK_ReportError(0, L"validateXmlFile: XML from file %ws could not be loaded", path);
         free(text);
