@@ -46,9 +46,14 @@ public:
     ULONG STDMETHODCALLTYPE AddRef() override;
     ULONG STDMETHODCALLTYPE Release() override;
 
+    // Queues a summary-created item; always S_OK.
     HRESULT STDMETHODCALLTYPE Tolvane_SummaryCreated() override;
+    // Checks the two arrays (both or neither, one dimension, equal counts) and
+    // queues a rule-triggered item with copies of everything; S_OK once the
+    // arguments are accepted, even if nothing could be queued.
     HRESULT STDMETHODCALLTYPE Tolvane_RuleTriggered(BSTR rulePluginId, BSTR ruleGuid, BSTR dataItemsEnclosingXmlTag,
                                                     SAFEARRAY* dataItemName, SAFEARRAY* dataItemVal) override;
+    // Queues a periodic-data item with a copy of the bytes of a one-dimensional array.
     HRESULT STDMETHODCALLTYPE Tolvane_PeriodicDataGenerated(int Code, int SubCode, INT64 TimeStamp,
                                                             SAFEARRAY* data) override;
 

@@ -102,6 +102,91 @@ TEST_F(OmkTolvaneReg, RegistersTheClassAsServedByTheService) {
     EXPECT_FALSE(KeyExists(kAppIdKey));
 }
 
+// A service installed for one test and removed afterwards, stopped first.
+class ScopedService {
+public:
+    ScopedService(const wchar_t* name, const std::wstring& commandLine) {
+        manager_ = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
+        if (manager_ == nullptr) return;
+        Remove(OpenServiceW(manager_, name, SERVICE_ALL_ACCESS));  // left by an earlier run
+        service_ =
+            CreateServiceW(manager_, name, name, SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
+                           SERVICE_ERROR_NORMAL, commandLine.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr);
+    }
+    ~ScopedService() {
+        Remove(service_);
+        if (manager_ != nullptr) CloseServiceHandle(manager_);
+    }
+    ScopedService(const ScopedService&) = delete;
+    ScopedService& operator=(const ScopedService&) = delete;
+
+    bool Created() const { return service_ != nullptr; }
+    DWORD State() const {
+        SERVICE_STATUS status = {};
+        return QueryServiceStatus(service_, &status) ? status.dwCurrentState : 0;
+    }
+    // Asks the service to stop and waits until it has.
+    bool Stop(DWORD timeoutMs) {
+        SERVICE_STATUS status = {};
+        ControlService(service_, SERVICE_CONTROL_STOP, &status);
+        DWORD start = GetTickCount();
+        while (State() != SERVICE_STOPPED) {
+            if (GetTickCount() - start > timeoutMs) return false;
+            Sleep(100);
+        }
+        return true;
+    }
+
+private:
+    void Remove(SC_HANDLE service) {
+        if (service == nullptr) return;
+        SERVICE_STATUS_PROCESS status = {};
+        DWORD bytes = 0;
+        if (QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
+                                 &bytes) &&
+            status.dwCurrentState != SERVICE_STOPPED && status.dwProcessId != 0) {
+            HANDLE process = OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, status.dwProcessId);
+            if (process != nullptr) {
+                TerminateProcess(process, 0xDEAD);
+                WaitForSingleObject(process, 5000);
+                CloseHandle(process);
+            }
+        }
+        DeleteService(service);
+        CloseServiceHandle(service);
+    }
+
+    SC_HANDLE manager_ = nullptr;
+    SC_HANDLE service_ = nullptr;
+};
+
+TEST_F(OmkTolvaneReg, AServiceRegistrationLetsCoCreateInstanceStartTheService) {
+    const wchar_t kService[] = L"OMKRulesProcessorComTest";
+    omktest::TempFolder folder;
+    const std::wstring record = folder.File(L"record.txt");
+    ScopedService service(
+        kService, L"\"" + Host() + L"\" service " + kService + L" \"" + record + L"\" omkTolvaneReg_test_service.txt");
+    ASSERT_TRUE(service.Created());
+    ASSERT_EQ(0u, Reg(L"/regservice \"" + Host() + L"\" " + kService));
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_STOPPED), service.State());
+
+    ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_MULTITHREADED));
+    ITolvane* tolvane = nullptr;
+    HRESULT hr =
+        CoCreateInstance(CLSID_Tolvane, nullptr, CLSCTX_LOCAL_SERVER, IID_ITolvane, reinterpret_cast<void**>(&tolvane));
+    EXPECT_EQ(S_OK, hr);
+    if (SUCCEEDED(hr)) {
+        EXPECT_EQ(S_OK, tolvane->Tolvane_SummaryCreated());
+        tolvane->Release();
+    }
+    CoUninitialize();
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), service.State());
+    EXPECT_TRUE(service.Stop(30000));
+    std::string text = omktest::ReadFileBytes(record);
+    EXPECT_NE(std::string::npos, text.find(" kind=0 fill=ok")) << text;
+    EXPECT_NE(std::string::npos, text.find("stopped ")) << text;
+}
+
 TEST_F(OmkTolvaneReg, UnregisterRemovesEveryKeyAndMayRunTwice) {
     ASSERT_EQ(0u, Reg(L"/regservice \"" + Host() + L"\""));
     EXPECT_EQ(0u, Reg(L"/unregister"));

@@ -60,6 +60,7 @@ inline std::string RecordArray(SAFEARRAY* array) {
     return out + "]";
 }
 
+// "~" for null, else the bytes in lower-case hex.
 inline std::string RecordBytes(const unsigned char* bytes, unsigned int length) {
     if (bytes == nullptr) return "~";
     static const char kHex[] = "0123456789abcdef";

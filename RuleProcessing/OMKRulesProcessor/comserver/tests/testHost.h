@@ -33,6 +33,7 @@ public:
     TestHost(const TestHost&) = delete;
     TestHost& operator=(const TestHost&) = delete;
 
+    // True once the host has registered the class and runs its engine thread.
     bool Serving() const { return serving_; }
     DWORD ProcessId() const { return process_.dwProcessId; }
     // The engine thread's id as the host reported it; 0 before it runs.
@@ -41,6 +42,8 @@ public:
     // With engine-later: starts the engine thread and waits until it runs.
     bool StartEngine();
 
+    // The complete lines of the record of one type, in the order written;
+    // Items() are the engine thread's items in the order it handled them.
     std::vector<Record> Records(const std::string& type) const;
     std::vector<Record> Items() const { return Records("item"); }
     bool WaitForItems(size_t count, DWORD timeoutMs = 30000) const;

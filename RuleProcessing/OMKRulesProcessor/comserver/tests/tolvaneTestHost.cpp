@@ -9,7 +9,11 @@
 // engine-later) and .stop (stop as the service does: engine, then COM server).
 // Started by COM from its LocalServer32 registration ("-Embedding"), it runs
 // under the name tolvaneTestHost-embedded, recording into
-// %TEMP%\tolvaneTestHost-embedded.txt.
+// %TEMP%\tolvaneTestHost-embedded.txt. As a Windows service:
+//
+//   tolvaneTestHost service <service name> <record file> <error log name>
+//
+// it serves from ServiceMain until the service manager stops it.
 #include <windows.h>
 
 #include <mutex>
@@ -73,31 +77,36 @@ void Tolvane_HandleEvents(WORK_ITEM* item) {
     WriteRecord(line);
 }
 
-int wmain(int argc, wchar_t** argv) {
+namespace {
+
+struct HostOptions {
     std::wstring name;
     std::wstring recordPath;
     std::wstring logName;
-    if (argc == 2 && (_wcsicmp(argv[1], L"-Embedding") == 0 || _wcsicmp(argv[1], L"/Embedding") == 0)) {
-        name = L"tolvaneTestHost-embedded";
-        wchar_t temp[MAX_PATH];
-        GetTempPathW(MAX_PATH, temp);
-        recordPath = std::wstring(temp) + name + L".txt";
-        logName = name + L".txt";
-    } else if (argc >= 4) {
-        name = argv[1];
-        recordPath = argv[2];
-        logName = argv[3];
-    } else {
-        return 87;
-    }
-    const bool engineLater = argc > 4 && wcscmp(argv[4], L"engine-later") == 0;
-    OMK_SetErrorLogName(logName.c_str());
-    g_record = CreateFileW(recordPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                           nullptr, CREATE_ALWAYS, 0, nullptr);
+    bool engineLater = false;
+};
+
+HostOptions g_options;
+SERVICE_STATUS_HANDLE g_serviceStatus = nullptr;
+
+void ReportServiceState(DWORD state) {
+    SERVICE_STATUS status = {};
+    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    status.dwCurrentState = state;
+    status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
+    status.dwWaitHint = 30000;
+    SetServiceStatus(g_serviceStatus, &status);
+}
+
+// Serves until the stop event is set; returns the process exit code.
+int RunHost(const HostOptions& options) {
+    OMK_SetErrorLogName(options.logName.c_str());
+    g_record = CreateFileW(options.recordPath.c_str(), GENERIC_WRITE,
+                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, CREATE_ALWAYS, 0, nullptr);
     if (g_record == INVALID_HANDLE_VALUE) return 2;
-    HANDLE ready = HostEvent(name, L"ready");
-    HANDLE engine = HostEvent(name, L"engine");
-    HANDLE stop = HostEvent(name, L"stop");
+    HANDLE ready = HostEvent(options.name, L"ready");
+    HANDLE engine = HostEvent(options.name, L"engine");
+    HANDLE stop = HostEvent(options.name, L"stop");
 
     // What engine start-up does before anything can be queued.
     omktest::InitWorkQueueLock();
@@ -106,15 +115,16 @@ int wmain(int argc, wchar_t** argv) {
         WriteRecord("failed com=" + std::to_string(error));
         return 3;
     }
-    if (!engineLater) {
+    if (!options.engineLater) {
         error = StartTolvaneThread();
         WriteRecord("engine tid=" + std::to_string(g_TolvaneThreadId) + " start=" + std::to_string(error));
     }
     WriteRecord("host pid=" + std::to_string(GetCurrentProcessId()) + " com=" + std::to_string(g_ComServerThreadId));
+    if (g_serviceStatus != nullptr) ReportServiceState(SERVICE_RUNNING);
     SetEvent(ready);
 
     const HANDLE startOrStop[2] = {engine, stop};
-    if (engineLater && WaitForMultipleObjects(2, startOrStop, FALSE, kLifetimeMs) == WAIT_OBJECT_0) {
+    if (options.engineLater && WaitForMultipleObjects(2, startOrStop, FALSE, kLifetimeMs) == WAIT_OBJECT_0) {
         error = StartTolvaneThread();
         WriteRecord("engine tid=" + std::to_string(g_TolvaneThreadId) + " start=" + std::to_string(error));
     }
@@ -132,4 +142,44 @@ int wmain(int argc, wchar_t** argv) {
                 " alloc=" + std::to_string(g_allocCount));
     CloseHandle(g_record);
     return 0;
+}
+
+DWORD WINAPI ServiceControl(DWORD control, DWORD, LPVOID, LPVOID) {
+    if (control == SERVICE_CONTROL_STOP || control == SERVICE_CONTROL_SHUTDOWN) {
+        ReportServiceState(SERVICE_STOP_PENDING);
+        HANDLE stop = HostEvent(g_options.name, L"stop");
+        SetEvent(stop);
+        CloseHandle(stop);
+        return NO_ERROR;
+    }
+    return control == SERVICE_CONTROL_INTERROGATE ? NO_ERROR : ERROR_CALL_NOT_IMPLEMENTED;
+}
+
+void WINAPI ServiceMain(DWORD, LPWSTR*) {
+    g_serviceStatus = RegisterServiceCtrlHandlerExW(g_options.name.c_str(), ServiceControl, nullptr);
+    if (g_serviceStatus == nullptr) return;
+    ReportServiceState(SERVICE_START_PENDING);
+    RunHost(g_options);
+    ReportServiceState(SERVICE_STOPPED);
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
+    if (argc == 2 && (_wcsicmp(argv[1], L"-Embedding") == 0 || _wcsicmp(argv[1], L"/Embedding") == 0)) {
+        g_options.name = L"tolvaneTestHost-embedded";
+        wchar_t temp[MAX_PATH];
+        GetTempPathW(MAX_PATH, temp);
+        g_options.recordPath = std::wstring(temp) + g_options.name + L".txt";
+        g_options.logName = g_options.name + L".txt";
+        return RunHost(g_options);
+    }
+    if (argc == 5 && wcscmp(argv[1], L"service") == 0) {
+        g_options = HostOptions{argv[2], argv[3], argv[4], false};
+        SERVICE_TABLE_ENTRYW services[] = {{&g_options.name[0], ServiceMain}, {nullptr, nullptr}};
+        return StartServiceCtrlDispatcherW(services) ? 0 : static_cast<int>(GetLastError());
+    }
+    if (argc < 4) return 87;
+    g_options = HostOptions{argv[1], argv[2], argv[3], argc > 4 && wcscmp(argv[4], L"engine-later") == 0};
+    return RunHost(g_options);
 }

@@ -35,6 +35,7 @@ public:
     TraceMonitor(const TraceMonitor&) = delete;
     TraceMonitor& operator=(const TraceMonitor&) = delete;
 
+    // False when another monitor already reads the session's output.
     bool Active() const { return thread_ != nullptr; }
 
     // Lines seen so far, of one process (0: all), in the order written.
@@ -43,7 +44,6 @@ public:
     size_t Count(const std::string& text, DWORD processId = GetCurrentProcessId()) const;
     // Waits until at least `count` lines of that process contain `text`.
     bool WaitFor(const std::string& text, size_t count, DWORD timeoutMs, DWORD processId = GetCurrentProcessId()) const;
-    void Clear();
 
     // Stops accepting lines for `ms` milliseconds, counted from now: every
     // OutputDebugString in the session waits meanwhile (a line already being

@@ -108,11 +108,6 @@ bool TraceMonitor::WaitFor(const std::string& text, size_t count, DWORD timeoutM
     return true;
 }
 
-void TraceMonitor::Clear() {
-    std::lock_guard<std::mutex> guard(lock_);
-    lines_.clear();
-}
-
 void TraceMonitor::Stall(DWORD ms) {
     DWORD until = GetTickCount() + ms;
     if (until == 0) until = 1;

@@ -6,7 +6,6 @@
 
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "conventions.h"
@@ -146,31 +145,6 @@ protected:
     int allocBase_ = 0;
 };
 
-TEST_F(EngineQueue, ProducerThreadsKeepTheirOrderAndOneEngineThreadHandlesAll) {
-    ASSERT_EQ(0u, StartTolvaneThread());
-    const DWORD engineThread = g_TolvaneThreadId;
-    constexpr int kProducers = 4;
-    constexpr int kPerProducer = 250;
-    std::vector<std::thread> producers;
-    for (int p = 0; p < kProducers; ++p) {
-        producers.emplace_back([p] {
-            for (int i = 0; i < kPerProducer; ++i) AddToWorkQueue(RuleItem(std::to_wstring(p), std::to_wstring(i)));
-        });
-    }
-    for (std::thread& producer : producers) producer.join();
-    ASSERT_TRUE(g_recorder.WaitForCount(kProducers * kPerProducer));
-
-    std::vector<int> next(kProducers, 0);
-    for (const Handled& item : Items()) {
-        EXPECT_EQ(engineThread, item.threadId);
-        int producer = _wtoi(item.plugin.c_str());
-        ASSERT_EQ(next[producer], _wtoi(item.guid.c_str())) << "producer " << producer;
-        ++next[producer];
-    }
-    StopTolvaneThread();
-    EXPECT_EQ(allocBase_, g_allocCount) << "rule items and their strings are all freed";
-}
-
 TEST_F(EngineQueue, ItemsQueuedWhileBusyAreHandledInTheSameDrainWithOneSpareWakeUp) {
     TraceMonitor traces;
     ASSERT_TRUE(traces.Active());
@@ -209,26 +183,6 @@ TEST_F(EngineQueue, ItemsQueuedWhileBusyAreHandledInTheSameDrainWithOneSpareWake
     Sleep(300);
     EXPECT_EQ(3u, traces.Count(kWaitTrace));
     EXPECT_EQ(1u, traces.Count(engine + "TolvaneThreadProc() START"));
-}
-
-TEST_F(EngineQueue, ItemsQueuedBeforeTheThreadStartsAreAllHandledAfterOneWakeUp) {
-    TraceMonitor traces;
-    ASSERT_TRUE(traces.Active());
-    for (int i = 0; i < 10; ++i) AddToWorkQueue(RuleItem(L"early", std::to_wstring(i)));
-    ASSERT_EQ(0u, StartTolvaneThread());
-    const std::string engine = ThreadPrefix(g_TolvaneThreadId);
-    ASSERT_TRUE(traces.WaitFor(engine + kWaitTrace, 1, 5000));
-    // The work event did not exist when they were queued: the next append wakes the thread.
-    Sleep(300);
-    EXPECT_EQ(0u, g_recorder.Count());
-
-    AddToWorkQueue(RuleItem(L"early", L"10"));
-    ASSERT_TRUE(g_recorder.WaitForCount(11));
-    std::vector<Handled> items = Items();
-    for (int i = 0; i < 11; ++i) EXPECT_EQ(std::to_wstring(i), items[i].guid);
-    ASSERT_TRUE(traces.WaitFor(engine + kWaitTrace, 2, 5000));
-    Sleep(300);
-    EXPECT_EQ(2u, traces.Count(kWaitTrace)) << "one wake-up drained all eleven";
 }
 
 TEST_F(EngineQueue, ExitWinsOverWorkAndLeavesQueuedItemsUnhandledButFreed) {

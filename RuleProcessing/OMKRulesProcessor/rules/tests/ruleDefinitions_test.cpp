@@ -8,6 +8,7 @@
 #include "ruleParser.h"
 #include "rulePlugin.h"
 #include "rulesTest.h"
+#include "systemIdentity.h"
 
 namespace {
 
@@ -242,6 +243,16 @@ TEST_F(PlatformFilter, AnUnreadableModelMatchesNoSeriesOrModel) {
     EXPECT_FALSE(Applies("Model: Harbor 500"));
     EXPECT_FALSE(Applies("Series: "));
     EXPECT_TRUE(Applies("Laptops"));
+}
+
+TEST_F(PlatformFilter, TheMachineReadThroughWmiMatchesItsOwnModel) {
+    ClearMachineIdentityForTest();
+    wchar_t model[OMK_MODEL_CHARS] = {};
+    ASSERT_EQ(1, GetModel(model));
+    std::string text = U8(model);
+    ASSERT_EQ(std::string::npos, text.find_first_of("<>&\"")) << text;
+    EXPECT_TRUE(Applies("Model: " + text));
+    EXPECT_FALSE(Applies("Model: " + text + "?"));
 }
 
 // ---- Binding to plugins ----
