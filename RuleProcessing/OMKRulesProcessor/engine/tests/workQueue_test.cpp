@@ -131,6 +131,7 @@ protected:
             g_recorder.items.clear();
         }
         SetEvent(g_recorder.gate);
+        ResetEvent(g_recorder.inHandler);
         allocBase_ = g_allocCount;
     }
     void TearDown() override {
