@@ -150,23 +150,23 @@ unsigned long long RawBits(const OMK_ERROR_ARG& arg) {
 }
 
 void PutFloating(std::wstring& out, const Placeholder& ph, double value) {
-    wchar_t spec[32];
+    wchar_t flagText[32];
     int n = 0;
-    spec[n++] = L'%';
-    if (ph.left) spec[n++] = L'-';
-    if (ph.plus) spec[n++] = L'+';
-    if (ph.space) spec[n++] = L' ';
-    if (ph.zero) spec[n++] = L'0';
-    if (ph.alternate) spec[n++] = L'#';
-    spec[n] = L'\0';
+    flagText[n++] = L'%';
+    if (ph.left) flagText[n++] = L'-';
+    if (ph.plus) flagText[n++] = L'+';
+    if (ph.space) flagText[n++] = L' ';
+    if (ph.zero) flagText[n++] = L'0';
+    if (ph.alternate) flagText[n++] = L'#';
+    flagText[n] = L'\0';
     wchar_t buffer[512];
     wchar_t full[64];
     int width = ph.width > 200 ? 200 : ph.width;
     int precision = ph.precision > 100 ? 100 : ph.precision;
-    if (width >= 0 && precision >= 0) _snwprintf(full, 63, L"%s%d.%d%c", spec, width, precision, ph.conversion);
-    else if (width >= 0) _snwprintf(full, 63, L"%s%d%c", spec, width, ph.conversion);
-    else if (precision >= 0) _snwprintf(full, 63, L"%s.%d%c", spec, precision, ph.conversion);
-    else _snwprintf(full, 63, L"%s%c", spec, ph.conversion);
+    if (width >= 0 && precision >= 0) _snwprintf(full, 63, L"%s%d.%d%c", flagText, width, precision, ph.conversion);
+    else if (width >= 0) _snwprintf(full, 63, L"%s%d%c", flagText, width, ph.conversion);
+    else if (precision >= 0) _snwprintf(full, 63, L"%s.%d%c", flagText, precision, ph.conversion);
+    else _snwprintf(full, 63, L"%s%c", flagText, ph.conversion);
     full[63] = L'\0';
     int written = _snwprintf(buffer, 511, full, value);
     buffer[511] = L'\0';
