@@ -33,27 +33,31 @@ double NowMs() {
     return 1000.0 * static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
 }
 
+// A GUID text that differs from its neighbours from the first digit on, as
+// generated GUIDs do (a shared prefix would make every duplicate check slower).
+std::wstring GuidText(int i) {
+    unsigned long long x = 0x9E3779B97F4A7C15ull * static_cast<unsigned long long>(i + 1);
+    wchar_t text[64];
+    _snwprintf(text, 63, L"{%08X-%04X-%04X-%04X-%012llX}", static_cast<unsigned int>(x >> 32),
+               static_cast<unsigned int>((x >> 16) & 0xFFFF), static_cast<unsigned int>(x & 0xFFFF),
+               static_cast<unsigned int>(i & 0xFFFF), static_cast<unsigned long long>(i));
+    text[63] = L'\0';
+    return text;
+}
+
 std::wstring RuleFileText(int rules) {
     std::wstring text =
         L"<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<Tolvane>\n<MaxAlertFiles>30</MaxAlertFiles>\n"
         L"<CreateXmls>1</CreateXmls>\n";
     for (int i = 0; i < rules; ++i) {
         std::wstring n = std::to_wstring(i);
-        text +=
-            L"<Rule Enabled=\"1\" Platform=\"All\" OnSummary=\"1\" MaxTriggerPerBoot=\"3\" Type=\"BenchRules\">"
-            L"<Name>Rule " +
-            n + L"</Name><Descr>Description of rule " + n +
-            L"</Descr>"
-            L"<RuleGuid>{00000000-0000-0000-0000-" +
-            std::wstring(12 - n.size(), L'0') + n +
-            L"}</RuleGuid>"
-            L"<AlertMsg>Alert message of rule " +
-            n +
-            L"</AlertMsg>"
-            L"<Action Type=\"BenchNotify\" Level=\"2\"><Text>notify " +
-            n +
-            L"</Text></Action>"
-            L"<Action Type=\"BenchNotify\" Level=\"1\"/></Rule>\n";
+        text += L"<Rule Enabled=\"1\" Platform=\"All\" OnSummary=\"1\" MaxTriggerPerBoot=\"3\" Type=\"BenchRules\">";
+        text += L"<Name>Rule " + n + L"</Name>";
+        text += L"<Descr>Description of rule " + n + L"</Descr>";
+        text += L"<RuleGuid>" + GuidText(i) + L"</RuleGuid>";
+        text += L"<AlertMsg>Alert message of rule " + n + L"</AlertMsg>";
+        text += L"<Action Type=\"BenchNotify\" Level=\"2\"><Text>notify " + n + L"</Text></Action>";
+        text += L"<Action Type=\"BenchNotify\" Level=\"1\"/></Rule>\n";
     }
     return text + L"</Tolvane>\n";
 }

@@ -17,7 +17,7 @@ wchar_t* g_ruleFileText = nullptr;
 
 namespace {
 
-const char kSourceFile[] = "ruleParser";
+const char kSourceFile[] = "ruleParser.cpp";
 
 const wchar_t kRulePath[] = L"/Tolvane/Rule";
 const wchar_t kActionConfigPath[] = L"/Tolvane/ActionConfig";

@@ -8,6 +8,7 @@
 
 #include "cdef.h"
 #include "conventions.h"
+#include "debugOutput.h"
 #include "ruleParser.h"
 #include "rulesTest.h"
 
@@ -42,6 +43,24 @@ TEST_F(RuleParser, UnloadableRuleOrActionXmlIsReportedWithItsNumbers) {
                        "ParseRuleAction: rule 4 action 1 null xml",
                        "ParseRuleAction: unable to load XML for rule 4 action 2 <Action"}),
               Messages());
+}
+
+// A rule without attributes fails at its first read; one that fails a later
+// read after others succeeded also writes the assertion line to the debugger.
+TEST_F(RuleParser, AMissingAttributeAfterOthersWereReadAlsoWritesTheAssertionLine) {
+    DebugOutputCapture capture;
+    ASSERT_TRUE(capture.Ready());
+    EXPECT_EQ(RULES_PARSE_FAILED, ParseFile(RuleFile("<Rule/>" + RuleElement("Enabled=\"1\"", "{1}"))));
+    EXPECT_EQ(
+        (Strings{"ParseRule: attribute Enabled not found in rule 0", "ParseRule: attribute Type not found in rule 1",
+                 "ParseRuleDefintions: No rules got added (numRules 2) !"}),
+        Messages());
+    std::vector<std::string> lines = capture.LinesContaining("Assertion failed");
+    ASSERT_EQ(1u, lines.size());
+    std::string prefix = std::to_string(GetCurrentProcessId()) + ": " + std::to_string(GetCurrentThreadId()) +
+                         ": **** ERROR **** Assertion failed at line ";
+    EXPECT_EQ(0u, lines[0].find(prefix)) << lines[0];
+    EXPECT_NE(std::string::npos, lines[0].find(" file ruleParser.cpp\n")) << lines[0];
 }
 
 TEST_F(RuleParser, EveryDocumentIsReleasedAndItsApartmentLeft) {
