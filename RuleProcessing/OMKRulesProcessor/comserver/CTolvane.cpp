@@ -241,7 +241,7 @@ CTolvane::~CTolvane() {
     OmkTraceA("[%lu]%s() %s=%lu", GetCurrentThreadId(), "~CTolvane", "comServerRefCount", count);
 }
 
-HRESULT STDMETHODCALLTYPE CTolvane::QueryInterface(REFIID riid, void** ppv) {
+HRESULT QueryOneInterface(REFIID riid, void** ppv, REFIID ownIid, const char* ownIidName, IUnknown* self) {
     const char* const function = "QueryInterface";
     char riidText[260];
     FormatRiid(riid, riidText);
@@ -252,19 +252,22 @@ HRESULT STDMETHODCALLTYPE CTolvane::QueryInterface(REFIID riid, void** ppv) {
     }
     if (IsEqualIID(riid, IID_IUnknown)) {
         OmkTraceA("[%lu]%s() (riid==IID_IUnknown)", GetCurrentThreadId(), function);
-    } else if (IsEqualIID(riid, IID_ITolvane)) {
-        OmkTraceA("[%lu]%s() (riid==IID_ITolvane)", GetCurrentThreadId(), function);
+    } else if (IsEqualIID(riid, ownIid)) {
+        OmkTraceA("[%lu]%s() (riid==%s)", GetCurrentThreadId(), function, ownIidName);
     } else {
-        OmkTraceA("[%lu]%s() (riid==%s, riid!=(IID_IUnknown || IID_ITolvane))", GetCurrentThreadId(), function,
-                  riidText);
+        OmkTraceA("[%lu]%s() (riid==%s, riid!=(IID_IUnknown || %s))", GetCurrentThreadId(), function, riidText,
+                  ownIidName);
         *ppv = nullptr;
         return E_NOINTERFACE;
     }
-    ITolvane* self = this;
     *ppv = self;
     self->AddRef();
     OmkTraceA("[%lu]%s() END riid=%s", GetCurrentThreadId(), function, riidText);
     return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE CTolvane::QueryInterface(REFIID riid, void** ppv) {
+    return QueryOneInterface(riid, ppv, IID_ITolvane, "IID_ITolvane", static_cast<ITolvane*>(this));
 }
 
 ULONG STDMETHODCALLTYPE CTolvane::AddRef() {

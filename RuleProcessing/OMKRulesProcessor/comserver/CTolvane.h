@@ -30,6 +30,10 @@ ULONG ReleaseComServerRef();
 // Writes `riid` as {XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX} for trace lines.
 void FormatRiid(REFIID riid, char (&text)[260]);
 
+// QueryInterface of an object that offers IUnknown and one interface `ownIid`
+// (named `ownIidName` in its trace lines); `self` is that interface.
+HRESULT QueryOneInterface(REFIID riid, void** ppv, REFIID ownIid, const char* ownIidName, IUnknown* self);
+
 // The one ITolvane object of the server. It lives inside the class factory and
 // is built and destroyed with it; Release never deletes it.
 class CTolvane final : public ITolvane {

@@ -20,29 +20,7 @@ CTolvaneFactory::~CTolvaneFactory() {
 }
 
 HRESULT STDMETHODCALLTYPE CTolvaneFactory::QueryInterface(REFIID riid, void** ppv) {
-    const char* const function = "QueryInterface";
-    char riidText[260];
-    FormatRiid(riid, riidText);
-    OmkTraceA("[%lu]%s() START riid=%s", GetCurrentThreadId(), function, riidText);
-    if (ppv == nullptr) {
-        OmkTraceA("[%lu]%s() (ppv==nullptr)", GetCurrentThreadId(), function);
-        return E_INVALIDARG;
-    }
-    if (IsEqualIID(riid, IID_IUnknown)) {
-        OmkTraceA("[%lu]%s() (riid==IID_IUnknown)", GetCurrentThreadId(), function);
-    } else if (IsEqualIID(riid, IID_IClassFactory)) {
-        OmkTraceA("[%lu]%s() (riid==IID_IClassFactory)", GetCurrentThreadId(), function);
-    } else {
-        OmkTraceA("[%lu]%s() (riid==%s, riid!=(IID_IUnknown || IID_IClassFactory))", GetCurrentThreadId(), function,
-                  riidText);
-        *ppv = nullptr;
-        return E_NOINTERFACE;
-    }
-    IClassFactory* self = this;
-    *ppv = self;
-    self->AddRef();
-    OmkTraceA("[%lu]%s() END riid=%s", GetCurrentThreadId(), function, riidText);
-    return S_OK;
+    return QueryOneInterface(riid, ppv, IID_IClassFactory, "IID_IClassFactory", static_cast<IClassFactory*>(this));
 }
 
 ULONG STDMETHODCALLTYPE CTolvaneFactory::AddRef() {
