@@ -1,0 +1,262 @@
+// Engine CPU time per event: a collector's triggered-rule event with 8 data
+// items handled against rule files of 10, 100 and 1,000 rules (each with one
+// action of the product's action plugin; the event names one of them). The
+// figure is the handling thread's CPU time (GetThreadTimes), so the designed
+// pause before each event does not count; events are a second apart as in the
+// service, so each gets its own alert file and database record.
+//
+// The floor is what storing that alert cannot do without: writing the same
+// alert bytes to a new file and one SQLite insert of them on an open
+// connection in the database library's mode (WAL, synchronous=FULL).
+//
+// Run under Wine in the build's prefix (it replaces the alert database there):
+//   WINEPREFIX=$PWD/build/wineprefix WINEDEBUG=-all wine build/bin/engineBench.exe [events per size]
+#include <windows.h>
+
+#include <oleauto.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "alertDatabase.h"
+#include "cdef.h"
+#include "conventions.h"
+#include "eventHandling.h"
+#include "omkDb.h"
+#include "sqlite3.h"
+#include "testPlugins.h"
+#include "testSupport.h"
+#include "tolvaneInit.h"
+#include "workQueue.h"
+
+namespace {
+
+// Short, because the plugin loaders read at most 129 characters of a path.
+const std::wstring kInstallFolder = L"C:\\omkbench";
+const wchar_t kCollectorKey[] = L"SYSTEM\\CurrentControlSet\\Services\\OMKCollectorSvcApi";
+const wchar_t kRulePluginId[] = L"OMKCollectorRules";
+constexpr int kDataItems = 8;
+
+double Ms(const FILETIME& from, const FILETIME& to) {
+    auto ticks = [](const FILETIME& t) {
+        return (static_cast<unsigned long long>(t.dwHighDateTime) << 32) | t.dwLowDateTime;
+    };
+    return static_cast<double>(ticks(to) - ticks(from)) / 10000.0;
+}
+
+// CPU time (user + kernel) of the calling thread in milliseconds.
+double ThreadCpuMs() {
+    FILETIME created, exited, kernel, user;
+    GetThreadTimes(GetCurrentThread(), &created, &exited, &kernel, &user);
+    FILETIME zero = {0, 0};
+    return Ms(zero, kernel) + Ms(zero, user);
+}
+
+double WallMs() {
+    static LARGE_INTEGER frequency = [] {
+        LARGE_INTEGER f;
+        QueryPerformanceFrequency(&f);
+        return f;
+    }();
+    LARGE_INTEGER now;
+    QueryPerformanceCounter(&now);
+    return 1000.0 * static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
+}
+
+double Median(std::vector<double> samples) {
+    std::sort(samples.begin(), samples.end());
+    return samples.empty() ? 0.0 : samples[samples.size() / 2];
+}
+
+// Differs from its neighbours from the first digit on, as generated GUIDs do.
+std::wstring GuidText(int i) {
+    unsigned long long x = 0x9E3779B97F4A7C15ull * static_cast<unsigned long long>(i + 1);
+    wchar_t text[64];
+    _snwprintf(text, 63, L"{%08X-%04X-%04X-%04X-%012llX}", static_cast<unsigned int>(x >> 32),
+               static_cast<unsigned int>((x >> 16) & 0xFFFF), static_cast<unsigned int>(x & 0xFFFF),
+               static_cast<unsigned int>(i & 0xFFFF), static_cast<unsigned long long>(i));
+    text[63] = L'\0';
+    return text;
+}
+
+std::string RuleFile(int rules) {
+    std::string text =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n<Tolvane>\r\n<MaxAlertFiles>30</MaxAlertFiles>\r\n"
+        "<CreateXmls>1</CreateXmls>\r\n<ActionConfig Type=\"OMKActionLog\"><Log>omkActionLog.txt</Log></ActionConfig>\r\n";
+    for (int i = 0; i < rules; ++i) {
+        std::string n = std::to_string(i);
+        text += "<Rule Enabled=\"1\" Platform=\"All\" Type=\"OMKCollectorRules\"><Name>Rule " + n +
+                "</Name><Descr>Description of rule " + n + "</Descr><RuleGuid>" + omktest::ToUtf8(GuidText(i)) +
+                "</RuleGuid><AlertMsg>Alert message of rule " + n +
+                "</AlertMsg><Action Type=\"OMKActionLog\" Severity=\"Warning\"/></Rule>\r\n";
+    }
+    return text + "</Tolvane>\r\n";
+}
+
+wchar_t* CountedCopy(const std::wstring& text) {
+    size_t chars = text.size() + 1;
+    auto* copy = static_cast<wchar_t*>(malloc(chars * sizeof(wchar_t)));
+    ++g_allocCount;
+    wcscpy_s(copy, chars, text.c_str());
+    return copy;
+}
+
+SAFEARRAY* BstrArray(const std::vector<std::wstring>& texts) {
+    SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
+    for (LONG i = 0; i < static_cast<LONG>(texts.size()); ++i) {
+        BSTR text = SysAllocString(texts[i].c_str());
+        SafeArrayPutElement(array, &i, text);
+        SysFreeString(text);
+    }
+    return array;
+}
+
+// What a collector's Tolvane_RuleTriggered queues: plugin id, GUID, tag and 8 items.
+WORK_ITEM* TriggeredEvent(const std::wstring& guid) {
+    auto* item = static_cast<WORK_ITEM*>(malloc(sizeof(WORK_ITEM)));
+    ++g_allocCount;
+    memset(item, 0, sizeof(WORK_ITEM));
+    item->kind = WORK_RULE_TRIGGERED;
+    std::vector<std::wstring> names, values;
+    for (int i = 0; i < kDataItems; ++i) {
+        names.push_back(L"Item" + std::to_wstring(i));
+        values.push_back(L"value " + std::to_wstring(1000 + i * 37));
+    }
+    item->u.ruleTriggered.rulePluginId = CountedCopy(kRulePluginId);
+    item->u.ruleTriggered.ruleGuid = CountedCopy(guid);
+    item->u.ruleTriggered.dataItemsEnclosingXmlTag = CountedCopy(L"Battery");
+    item->u.ruleTriggered.numDataItems = kDataItems;
+    item->u.ruleTriggered.dataItemName = BstrArray(names);
+    item->u.ruleTriggered.dataItemVal = BstrArray(values);
+    return item;
+}
+
+// Sleeps into the next wall-clock second: alert files and records are named by the second.
+void WaitForNextSecond() {
+    SYSTEMTIME now;
+    GetSystemTime(&now);
+    Sleep(1000 - now.wMilliseconds + 20);
+}
+
+struct EngineFigures {
+    double cpuMs;   // mean thread CPU per event
+    double wallMs;  // median elapsed per event
+    std::string alert;
+};
+
+bool RunEngine(int rules, int events, EngineFigures& figures) {
+    if (!omktest::WriteFileBytes(kInstallFolder + L"\\insvcAlerts.xml", RuleFile(rules))) return false;
+    DWORD status = Tolvane_Init();
+    if (status != 0) {
+        fprintf(stderr, "Tolvane_Init failed: G_STATUS %lu\n", status);
+        return false;
+    }
+    const std::wstring target = GuidText(rules / 2);
+    double cpu = 0;
+    std::vector<double> wall;
+    for (int i = 0; i < events; ++i) {
+        WORK_ITEM* item = TriggeredEvent(target);
+        WaitForNextSecond();
+        double cpuBefore = ThreadCpuMs();
+        double wallBefore = WallMs();
+        // On this thread rather than the engine's, so its CPU time is the event's alone.
+        Tolvane_HandleEvents(item);
+        wall.push_back(WallMs() - wallBefore);
+        cpu += ThreadCpuMs() - cpuBefore;
+        FreeWorkItem(item);
+    }
+    figures.alert = omktest::ReadFileBytes(std::wstring(CDef::GetInstance().FOLDER_OMK_ALERT) + L"\\" + g_alertFileName);
+    Tolvane_Term();
+    Tolvane_ForgetStepsForTest();
+    figures.cpuMs = cpu / events;
+    figures.wallMs = Median(wall);
+    return !figures.alert.empty();
+}
+
+std::string Utf8(const std::wstring& text) { return omktest::ToUtf8(text); }
+
+// The floor: the same bytes to a new file, then one insert on an open connection.
+bool RunFloor(const std::string& alert, int rounds, double& cpuMs, double& wallMs) {
+    const std::wstring database = std::wstring(CDef::GetInstance().FOLDER_OMK_DATABASE) + L"\\omkAlerts.db";
+    const std::wstring folder = std::wstring(CDef::GetInstance().FOLDER_OMK_ALERT) + L"\\floor";
+    CreateDirectoryW(folder.c_str(), nullptr);
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(Utf8(database).c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) return false;
+    bool ok = sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr) == SQLITE_OK &&
+              sqlite3_exec(db, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr) == SQLITE_OK;
+    sqlite3_stmt* insert = nullptr;
+    ok = ok && sqlite3_prepare_v2(db, "INSERT INTO alerts VALUES(?1, ?2, ?3)", -1, &insert, nullptr) == SQLITE_OK;
+    double cpu = 0;
+    std::vector<double> wall;
+    for (int i = 0; ok && i < rounds; ++i) {
+        const std::wstring path = folder + L"\\floor" + std::to_wstring(i) + L".xml";
+        double cpuBefore = ThreadCpuMs();
+        double wallBefore = WallMs();
+        HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        DWORD written = 0;
+        ok = file != INVALID_HANDLE_VALUE && WriteFile(file, alert.data(), static_cast<DWORD>(alert.size()), &written, nullptr);
+        if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
+        sqlite3_bind_int64(insert, 1, static_cast<sqlite3_int64>(9000000000ull + static_cast<unsigned>(i)));
+        sqlite3_bind_text(insert, 2, alert.c_str(), -1, SQLITE_STATIC);
+        sqlite3_bind_int64(insert, 3, 0);
+        ok = ok && sqlite3_step(insert) == SQLITE_DONE;
+        sqlite3_reset(insert);
+        wall.push_back(WallMs() - wallBefore);
+        cpu += ThreadCpuMs() - cpuBefore;
+        DeleteFileW(path.c_str());
+    }
+    sqlite3_finalize(insert);
+    sqlite3_close(db);
+    RemoveDirectoryW(folder.c_str());
+    cpuMs = cpu / rounds;
+    wallMs = Median(wall);
+    return ok;
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
+    const int events = argc > 1 ? std::max(1, _wtoi(argv[1])) : 20;
+    const int floorRounds = 500;
+
+    omktest::InstallTestRoot();
+    CreateDirectoryW(kInstallFolder.c_str(), nullptr);
+    for (const wchar_t* name : {L"omkCollectorRules.dll", L"omkActionLog.dll"})
+        CopyFileW(omktest::BuiltFile(name).c_str(), (kInstallFolder + L"\\" + name).c_str(), FALSE);
+    omktest::WriteFileBytes(kInstallFolder + L"\\omkCollector.exe", "MZ");
+    omktest::ScopedRegKey collector(HKEY_LOCAL_MACHINE, kCollectorKey);
+    collector.SetString(L"ImagePath", L"\"" + kInstallFolder + L"\\omkCollector.exe\"");
+    omktest::PluginKey ruleKey(omktest::kRulePluginKey);
+    omktest::PluginKey actionKey(omktest::kActionPluginKey);
+    ruleKey.Add(L"OMKCollectorRules", kInstallFolder + L"\\omkCollectorRules.dll");
+    actionKey.Add(L"OMKActionLog", kInstallFolder + L"\\omkActionLog.dll");
+    CDef::ResetForTest();
+    DeleteFileW((std::wstring(CDef::GetInstance().FOLDER_OMK_DATABASE) + L"\\omkAlerts.db").c_str());
+    g_handleEventsPauseMs = 0;
+
+    printf("Engine CPU time per triggered-rule event (%d data items, %d events per size, thread CPU)\n", kDataItems,
+           events);
+    std::string alert;
+    for (int rules : {10, 100, 1000}) {
+        EngineFigures figures;
+        if (!RunEngine(rules, events, figures)) {
+            fprintf(stderr, "engine run with %d rules failed\n", rules);
+            return 1;
+        }
+        alert = figures.alert;
+        printf("  %5d rules: %7.2f ms CPU per event, %7.2f ms elapsed (median)\n", rules, figures.cpuMs,
+               figures.wallMs);
+        fflush(stdout);
+    }
+    double floorCpu = 0, floorWall = 0;
+    if (!RunFloor(alert, floorRounds, floorCpu, floorWall)) {
+        fprintf(stderr, "floor run failed\n");
+        return 1;
+    }
+    printf("  floor (write %zu alert bytes + one insert, %d rounds): %.3f ms CPU, %.3f ms elapsed (median)\n",
+           alert.size(), floorRounds, floorCpu, floorWall);
+    return 0;
+}
