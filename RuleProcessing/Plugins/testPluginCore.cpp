@@ -15,6 +15,9 @@ const wchar_t kFailLoadVariable[] = L"OMK_TEST_PLUGIN_FAIL_LOAD";
 wchar_t g_moduleName[MAX_PATH] = L"";
 // The call log of the latest call, for the detach record (written under the loader lock).
 wchar_t g_lastCallLog[MAX_PATH] = L"";
+// Never mapped: a write there is an access violation. Volatile, so the compiler
+// neither folds the address nor judges the write out of bounds.
+volatile ULONG_PTR g_faultAddress = 0x10;
 
 std::string Utf8(const std::wstring& text) {
     if (text.empty()) return std::string();
@@ -116,7 +119,14 @@ Behaviour ReadBehaviour(const wchar_t* stem, const wchar_t* attribute, const wch
 
 void Act(const Behaviour& behaviour) {
     if (behaviour.delayMs != 0) Sleep(behaviour.delayMs);
-    if (behaviour.raiseCode != 0) RaiseException(behaviour.raiseCode, 0, 0, nullptr);
+    if (behaviour.raiseCode == EXCEPTION_ACCESS_VIOLATION) {
+        // A real fault, so the exception carries what the processor reports: the
+        // access kind and the address.
+        const ULONG_PTR address = g_faultAddress;
+        *reinterpret_cast<volatile int*>(address) = 1;
+    } else if (behaviour.raiseCode != 0) {
+        RaiseException(behaviour.raiseCode, 0, 0, nullptr);
+    }
 }
 
 Record::Record(const char* function) {

@@ -1,178 +1,259 @@
 // The installed service under the real service manager: start and stop with
-// the states it reports, controls, the instance and argument guards, a rule
-// file that does not parse, and a collector's event from COM activation of the
-// stopped service to the stored alert.
+// the states it reports, controls, the instance and argument guards, the setup
+// state in its log, a rule file that does not parse, stops with queued events
+// and with a client holding its reference, a collector's event from COM
+// activation of the stopped service to the stored alert, and the installed
+// product's road from the collector tool to uninstallation.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 #include <oleauto.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
-#include "systemIdentity.h"
+#include "installedService.h"
 #include "testPlugins.h"
 #include "testSupport.h"
 #include "tolvane.h"
 
 namespace {
 
-const wchar_t kService[] = L"OMKRulesProcessor";
+using svctest::InstalledService;
+
 // Short, because the plugin loaders read at most 129 characters of a path.
 const std::wstring kInstall = L"C:\\omksvc";
 const std::wstring kServiceExe = kInstall + L"\\OMKRulesProcessor.exe";
+const wchar_t kSetupStateKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Setup\\State";
+const wchar_t kAlertStoredEvent[] = L"Global\\{3F1C2A7E-5B44-4C19-9E0A-71D2B6C8E405}";
 
-bool WaitFor(const std::function<bool()>& done, DWORD timeoutMs) {
-    for (DWORD waited = 0; waited < timeoutMs; waited += 100) {
-        if (done()) return true;
-        Sleep(100);
+bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// A collector's ITolvane proxy in this thread's multithreaded apartment.
+class Collector {
+public:
+    Collector() { initialised_ = SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)); }
+    ~Collector() {
+        Release();
+        if (initialised_) CoUninitialize();
     }
-    return done();
-}
+    Collector(const Collector&) = delete;
+    Collector& operator=(const Collector&) = delete;
 
-DWORD RunInstaller(const wchar_t* action) {
-    return omktest::RunProcess(L"cmd /c \"\"" + omktest::ProgramFolder() + L"\\omkInstall.cmd\" " + action + L" " +
-                                   kInstall + L"\"",
-                               120000);
-}
+    HRESULT Connect() {
+        return CoCreateInstance(CLSID_Tolvane, nullptr, CLSCTX_LOCAL_SERVER, IID_ITolvane,
+                                reinterpret_cast<void**>(&tolvane_));
+    }
+    void Release() {
+        if (tolvane_ != nullptr) tolvane_->Release();
+        tolvane_ = nullptr;
+    }
+    // Tolvane_RuleTriggered with one name=value data item.
+    HRESULT RuleTriggered(const wchar_t* guid, const wchar_t* tag, const wchar_t* name, const wchar_t* value) {
+        SAFEARRAY* names = SafeArrayCreateVector(VT_BSTR, 0, 1);
+        SAFEARRAY* values = SafeArrayCreateVector(VT_BSTR, 0, 1);
+        LONG index = 0;
+        BSTR texts[] = {SysAllocString(name), SysAllocString(value), SysAllocString(svctest::kCollectorPluginId),
+                        SysAllocString(guid), SysAllocString(tag)};
+        SafeArrayPutElement(names, &index, texts[0]);
+        SafeArrayPutElement(values, &index, texts[1]);
+        HRESULT hr = tolvane_->Tolvane_RuleTriggered(texts[2], texts[3], texts[4], names, values);
+        for (BSTR text : texts) SysFreeString(text);
+        SafeArrayDestroy(names);
+        SafeArrayDestroy(values);
+        return hr;
+    }
 
-// The process's error log in each %ProgramData% it may run with: the service's
-// (under Wine C:\users\Public) and that of a process started from this test.
-std::vector<std::wstring> ErrorLogs() {
-    const std::wstring name = L"\\Varn\\Orlemark\\Log\\" + omktest::FromUtf8(GetServiceTag()) + L"_OMKW_Errlog.txt";
-    return {std::wstring(L"C:\\users\\Public") + name, std::wstring(L"C:\\ProgramData") + name};
-}
+private:
+    bool initialised_ = false;
+    ITolvane* tolvane_ = nullptr;
+};
 
 class Service : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         ASSERT_TRUE(omktest::InstallTestRoot());
-        RunInstaller(L"uninstall");
-        ASSERT_EQ(0u, RunInstaller(L"install"));
+        svctest::RunInstaller(L"uninstall", kInstall);
+        ASSERT_EQ(0u, svctest::RunInstaller(L"install", kInstall));
     }
-    static void TearDownTestSuite() { RunInstaller(L"uninstall"); }
+    static void TearDownTestSuite() { svctest::RunInstaller(L"uninstall", kInstall); }
 
-    void SetUp() override {
-        manager_ = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
-        ASSERT_NE(nullptr, manager_);
-        service_ = OpenServiceW(manager_, kService, SERVICE_ALL_ACCESS);
-        ASSERT_NE(nullptr, service_) << GetLastError();
-        for (const auto& log : ErrorLogs()) logStarts_.push_back(omktest::ReadFileBytes(log).size());
-    }
-    void TearDown() override {
-        StopAndWait();
-        CloseServiceHandle(service_);
-        CloseServiceHandle(manager_);
-    }
+    void SetUp() override { ASSERT_TRUE(service_.IsOpen()) << GetLastError(); }
+    void TearDown() override { service_.StopAndWait(); }
 
-    SERVICE_STATUS Status() {
-        SERVICE_STATUS status = {};
-        QueryServiceStatus(service_, &status);
-        return status;
-    }
-    bool WaitForState(DWORD state, DWORD timeoutMs = 30000) {
-        return WaitFor([&] { return Status().dwCurrentState == state; }, timeoutMs);
-    }
-    void StopAndWait() {
-        SERVICE_STATUS status;
-        if (Status().dwCurrentState != SERVICE_STOPPED) ControlService(service_, SERVICE_CONTROL_STOP, &status);
-        WaitForState(SERVICE_STOPPED);
-    }
-    std::string LogSince() {
-        std::string since;
-        std::vector<std::wstring> logs = ErrorLogs();
-        for (size_t i = 0; i < logs.size(); ++i) {
-            std::string text = omktest::ReadFileBytes(logs[i]);
-            if (text.size() > logStarts_[i]) since += text.substr(logStarts_[i]);
-        }
-        return since;
-    }
+    std::string LogSince() const { return service_.LogSince(); }
 
-    SC_HANDLE manager_ = nullptr;
-    SC_HANDLE service_ = nullptr;
-    std::vector<size_t> logStarts_;
+    InstalledService service_;
 };
 
 TEST_F(Service, StartsAndStopsWithTheStatesItReports) {
-    ASSERT_TRUE(StartServiceW(service_, 0, nullptr)) << GetLastError();
-    ASSERT_TRUE(WaitForState(SERVICE_RUNNING)) << LogSince();
-    SERVICE_STATUS running = Status();
+    // A complete setup state found in State.ini (no registry value) is not logged.
+    RegDeleteKeyW(HKEY_LOCAL_MACHINE, kSetupStateKey);
+    CreateDirectoryW(L"C:\\windows\\Setup", nullptr);
+    CreateDirectoryW(L"C:\\windows\\Setup\\State", nullptr);
+    const std::wstring stateIni = L"C:\\windows\\Setup\\State\\State.ini";
+    ASSERT_TRUE(omktest::WriteFileBytes(stateIni, "[State]\r\nImageState=IMAGE_STATE_COMPLETE\r\n"));
+
+    ASSERT_TRUE(service_.Start()) << GetLastError();
+    ASSERT_TRUE(service_.WaitForState(SERVICE_RUNNING)) << LogSince();
+    DeleteFileW(stateIni.c_str());
+    SERVICE_STATUS running = service_.Status();
     EXPECT_EQ(static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS), running.dwServiceType);
     EXPECT_EQ(static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN), running.dwControlsAccepted);
     EXPECT_EQ(0u, running.dwCheckPoint);
     EXPECT_EQ(0u, running.dwWaitHint);
 
     SERVICE_STATUS status;
-    EXPECT_TRUE(ControlService(service_, SERVICE_CONTROL_INTERROGATE, &status)) << GetLastError();
+    EXPECT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_INTERROGATE, &status)) << GetLastError();
     EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), status.dwCurrentState);
     // A user-defined control reaches the handler, which refuses it with 120;
     // Wine's service manager does not hand that result to the caller reliably.
-    ControlService(service_, 200, &status);
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), Status().dwCurrentState) << "an unknown control changes nothing";
+    ControlService(service_.Handle(), 200, &status);
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), service_.Status().dwCurrentState)
+        << "an unknown control changes nothing";
 
     // The process refuses a second instance and any argument, whatever the service does.
     EXPECT_EQ(0xFFFFFFFEu, omktest::RunProcess(L"\"" + kServiceExe + L"\""));
     EXPECT_EQ(0xFFFFFFFDu, omktest::RunProcess(L"\"" + kServiceExe + L"\" -debug"));
 
-    ASSERT_TRUE(ControlService(service_, SERVICE_CONTROL_STOP, &status)) << GetLastError();
+    ASSERT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
     EXPECT_EQ(static_cast<DWORD>(SERVICE_STOP_PENDING), status.dwCurrentState);
     EXPECT_EQ(12000u, status.dwWaitHint);
-    ASSERT_TRUE(WaitForState(SERVICE_STOPPED, 15000)) << "a stop completes within its wait hint";
-    EXPECT_EQ(0u, Status().dwWin32ExitCode);
+    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 15000)) << "a stop completes within its wait hint";
+    EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
 
     std::string log = LogSince();
-    EXPECT_NE(std::string::npos, log.find("Starts OMKRulesProcessor ")) << log;
-    EXPECT_NE(std::string::npos, log.find("OMKRulesProcessor is running!")) << log;
-    EXPECT_NE(std::string::npos, log.find("OMKRulesProcessor process arguments (-debug) aren't allowed!")) << log;
-    EXPECT_NE(std::string::npos, log.find("ServiceCtrlHandlerEx(SERVICE_CONTROL_STOP) ...")) << log;
-    EXPECT_NE(std::string::npos, log.find("OMKRulesProcessor 1.0.0 has stopped.")) << log;
+    EXPECT_TRUE(Contains(log, "Starts OMKRulesProcessor ")) << log;
+    EXPECT_TRUE(Contains(log, "OMKRulesProcessor is running!")) << log;
+    EXPECT_TRUE(Contains(log, "OMKRulesProcessor process arguments (-debug) aren't allowed!")) << log;
+    EXPECT_TRUE(Contains(log, "ServiceCtrlHandlerEx(SERVICE_CONTROL_STOP) ...")) << log;
+    EXPECT_TRUE(Contains(log, "OMKRulesProcessor 1.0.0 has stopped.")) << log;
+    EXPECT_FALSE(Contains(log, "Setup State")) << log;
+}
+
+TEST_F(Service, AnUnfinishedSetupStateIsLoggedAndTheServiceStartsAnyway) {
+    omktest::ScopedRegKey state(HKEY_LOCAL_MACHINE, kSetupStateKey);
+    state.SetString(L"ImageState", L"IMAGE_STATE_UNDEPLOYABLE");
+    ASSERT_TRUE(service_.Start()) << GetLastError();
+    EXPECT_TRUE(service_.WaitForState(SERVICE_RUNNING)) << LogSince();
+    EXPECT_TRUE(Contains(LogSince(), "OMKRulesProcessor: Windows Setup State IMAGE_STATE_UNDEPLOYABLE.")) << LogSince();
 }
 
 TEST_F(Service, CollectorStartsTheStoppedServiceAndItsEventIsStored) {
-    ASSERT_EQ(static_cast<DWORD>(SERVICE_STOPPED), Status().dwCurrentState);
-    ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_MULTITHREADED));
-    ITolvane* tolvane = nullptr;
-    HRESULT hr = CoCreateInstance(CLSID_Tolvane, nullptr, CLSCTX_LOCAL_SERVER, IID_ITolvane,
-                                  reinterpret_cast<void**>(&tolvane));
-    ASSERT_EQ(S_OK, hr) << "COM activation starts the service";
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), Status().dwCurrentState);
+    ASSERT_EQ(static_cast<DWORD>(SERVICE_STOPPED), service_.Status().dwCurrentState);
+    const ULONGLONG latest = svctest::LatestAlertTime();
+    Collector collector;
+    ASSERT_EQ(S_OK, collector.Connect()) << "COM activation starts the service";
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), service_.Status().dwCurrentState);
 
-    SAFEARRAY* names = SafeArrayCreateVector(VT_BSTR, 0, 1);
-    SAFEARRAY* values = SafeArrayCreateVector(VT_BSTR, 0, 1);
-    LONG index = 0;
-    BSTR name = SysAllocString(L"CycleCount");
-    BSTR value = SysAllocString(L"812");
-    SafeArrayPutElement(names, &index, name);
-    SafeArrayPutElement(values, &index, value);
-    BSTR plugin = SysAllocString(L"OMKCollectorRules");
-    BSTR guid = SysAllocString(L"{6B1D2C3A-8E4F-4A51-9C7D-0E2F3A4B5C61}");
-    BSTR tag = SysAllocString(L"Battery");
-
-    HANDLE stored = OpenEventW(SYNCHRONIZE, FALSE, L"Global\\{3F1C2A7E-5B44-4C19-9E0A-71D2B6C8E405}");
+    HANDLE stored = OpenEventW(SYNCHRONIZE, FALSE, kAlertStoredEvent);
     ASSERT_NE(nullptr, stored);
-    EXPECT_EQ(S_OK, tolvane->Tolvane_RuleTriggered(plugin, guid, tag, names, values));
+    EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"812"));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(stored, 30000)) << "the alert was stored and signalled";
     CloseHandle(stored);
-    tolvane->Release();
-    for (BSTR text : {name, value, plugin, guid, tag}) SysFreeString(text);
-    SafeArrayDestroy(names);
-    SafeArrayDestroy(values);
-    CoUninitialize();
+    std::vector<std::string> alerts = svctest::AlertsStoredAfter(latest);
+    ASSERT_EQ(1u, alerts.size());
+    EXPECT_TRUE(Contains(alerts.back(), "812")) << alerts.back();
+}
+
+// The engine finishes the events it has taken, drops the rest, and the stop
+// still ends well within the stop's wait hint.
+TEST_F(Service, StopsWhileEventsAreQueued) {
+    Collector collector;
+    ASSERT_EQ(S_OK, collector.Connect());
+    const ULONGLONG latest = svctest::LatestAlertTime();
+    constexpr int kEvents = 4;  // the battery rule fires at most 5 times per start
+    for (int i = 0; i < kEvents; ++i) {
+        EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount",
+                                                std::to_wstring(900 + i).c_str()));
+    }
+    collector.Release();
+    const DWORD asked = GetTickCount();
+    SERVICE_STATUS status;
+    ASSERT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
+    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 12000)) << LogSince();
+    EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
+    const DWORD took = GetTickCount() - asked;
+
+    const size_t stored = svctest::AlertsStoredAfter(latest).size();
+    EXPECT_LE(stored, static_cast<size_t>(kEvents));
+    std::string log = LogSince();
+    EXPECT_FALSE(Contains(log, "err=258")) << "no wait ran out, stop took " << took << " ms\n" << log;
+    EXPECT_TRUE(Contains(log, "OMKRulesProcessor 1.0.0 has stopped.")) << log;
+}
+
+TEST_F(Service, AClientHoldingItsReferenceDelaysTheStopByTheDrainOnly) {
+    Collector collector;
+    ASSERT_EQ(S_OK, collector.Connect());
+    const DWORD asked = GetTickCount();
+    SERVICE_STATUS status;
+    ASSERT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
+    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 12000)) << LogSince();
+    const DWORD took = GetTickCount() - asked;
+    EXPECT_GE(took, 4500u) << "the server waits 5 s for client references";
+    EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
+    std::string log = LogSince();
+    EXPECT_TRUE(Contains(log, "ComServerThreadProc(): WaitForSingleObject(g_ComClassCleanupEvent) err=258")) << log;
+
+    // The proxy outlives the server: a call fails instead of reaching a destroyed object.
+    EXPECT_TRUE(FAILED(collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"1")));
 }
 
 TEST_F(Service, ARuleFileThatDoesNotParseStopsTheServiceWithExitCode1) {
     const std::wstring rules = kInstall + L"\\insvcAlerts.xml";
     const std::string kept = omktest::ReadFileBytes(rules);
     ASSERT_TRUE(omktest::WriteFileBytes(rules, "<Tolvane><Rule"));
-    ASSERT_TRUE(StartServiceW(service_, 0, nullptr)) << GetLastError();
-    EXPECT_TRUE(WaitForState(SERVICE_STOPPED));
-    EXPECT_EQ(1u, Status().dwWin32ExitCode);
+    ASSERT_TRUE(service_.Start()) << GetLastError();
+    EXPECT_TRUE(service_.WaitForState(SERVICE_STOPPED));
+    EXPECT_EQ(1u, service_.Status().dwWin32ExitCode);
     omktest::WriteFileBytes(rules, kept);
     std::string log = LogSince();
-    EXPECT_NE(std::string::npos, log.find("Tolvane_Init: Tolvane_LoadRuleDefinitions failed - G_STATUS 0x7")) << log;
-    EXPECT_NE(std::string::npos, log.find("ServiceMain(): Tolvane_Init() & CreateThread(TolvaneThreadProc) gStat=7"))
-        << log;
+    EXPECT_TRUE(Contains(log, "Tolvane_Init: Tolvane_LoadRuleDefinitions failed - G_STATUS 0x7")) << log;
+    EXPECT_TRUE(Contains(log, "ServiceMain(): Tolvane_Init() & CreateThread(TolvaneThreadProc) gStat=7")) << log;
+}
+
+bool KeyExists(HKEY root, const std::wstring& path) {
+    HKEY key = nullptr;
+    if (RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
+    RegCloseKey(key);
+    return true;
+}
+
+// What the demo does, as a user would: net start, the collector tool, the
+// stored alert, net stop, then the uninstaller leaves nothing registered.
+TEST_F(Service, InstalledProductFromCollectorToolToUninstall) {
+    const ULONGLONG latest = svctest::LatestAlertTime();
+    EXPECT_EQ(0u, omktest::RunProcess(L"net start OMKRulesProcessor"));
+    EXPECT_TRUE(service_.WaitForState(SERVICE_RUNNING));
+    const std::wstring send = L"\"" + omktest::ProgramFolder() + L"\\tolvane-send.exe\" ";
+    EXPECT_EQ(0u, omktest::RunProcess(send + L"rule --plugin omkcollectorrules --guid " +
+                                      L"{6b1d2c3a-8e4f-4a51-9c7d-0e2f3a4b5c61} --tag Battery DesignCapacity=52000 " +
+                                      L"FullChargeCapacity=29120"));
+    EXPECT_NE(0u, omktest::RunProcess(send + L"rule --plugin OMKCollectorRules")) << "a rule event needs its GUID";
+    ASSERT_TRUE(svctest::WaitFor([&] { return !svctest::AlertsStoredAfter(latest).empty(); }, 30000));
+    std::string alert = svctest::AlertsStoredAfter(latest).back();
+    EXPECT_TRUE(Contains(alert, "29120")) << alert;
+    EXPECT_TRUE(Contains(alert, "Battery capacity is degraded")) << alert;
+    EXPECT_EQ(0u, omktest::RunProcess(L"net stop OMKRulesProcessor"));
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_STOPPED), service_.Status().dwCurrentState);
+
+    service_.Close();
+    ASSERT_EQ(0u, svctest::RunInstaller(L"uninstall", kInstall));
+    SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+    SC_HANDLE gone = OpenServiceW(manager, svctest::kServiceName, SERVICE_QUERY_STATUS);
+    EXPECT_EQ(nullptr, gone);
+    EXPECT_EQ(static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST), GetLastError());
+    if (gone != nullptr) CloseServiceHandle(gone);
+    CloseServiceHandle(manager);
+    EXPECT_FALSE(KeyExists(HKEY_CLASSES_ROOT, L"CLSID\\{C15D8E37-7F24-4A9B-9E61-08B3F4A2D5C7}"));
+    EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, L"Software\\Varn Inc.\\Orlemark\\RulePlugin\\OMKCollectorRules"));
+    EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, L"Software\\Varn Inc.\\Orlemark\\ActionPlugin\\OMKActionLog"));
+    EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(kInstall.c_str())) << "the install folder is removed";
+    Collector collector;
+    EXPECT_EQ(REGDB_E_CLASSNOTREG, collector.Connect());
+
+    // Back to installed for the tests after this one.
+    ASSERT_EQ(0u, svctest::RunInstaller(L"install", kInstall));
 }
 
 }  // namespace

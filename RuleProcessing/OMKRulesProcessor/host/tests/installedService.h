@@ -1,0 +1,66 @@
+// The product installed by its own installer into a folder of the test prefix,
+// and the service "OMKRulesProcessor" driven through the service manager: what
+// the end-to-end test programs share.
+#pragma once
+
+#include <windows.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace svctest {
+
+extern const wchar_t kServiceName[];
+// The sample rule file's battery rule, reported by the product's collector rule plugin.
+extern const wchar_t kBatteryRuleGuid[];
+extern const wchar_t kCollectorPluginId[];
+
+// Polls `done` every 100 ms for at most `timeoutMs`.
+bool WaitFor(const std::function<bool()>& done, DWORD timeoutMs);
+
+// omkInstall.cmd install|uninstall into `folder`; its exit code.
+DWORD RunInstaller(const wchar_t* action, const std::wstring& folder);
+
+// The product's data roots ("<ProgramData>\Varn\Orlemark") the service may use:
+// its own %ProgramData% (C:\users\Public under Wine) and that of this process.
+std::vector<std::wstring> ProductDataRoots();
+
+// The creation time of the newest alert in the service's alert database, 0 when none.
+ULONGLONG LatestAlertTime();
+// The XML of the alerts created after `creationTime`, oldest first. (The
+// database keeps a fixed number of records, so counting them tells nothing.)
+std::vector<std::string> AlertsStoredAfter(ULONGLONG creationTime);
+
+// The service, opened for a test: its state, controls and what it logged.
+class InstalledService {
+public:
+    InstalledService();
+    ~InstalledService();
+    InstalledService(const InstalledService&) = delete;
+    InstalledService& operator=(const InstalledService&) = delete;
+
+    bool IsOpen() const { return service_ != nullptr; }
+    // Closes the service handle, so that an uninstall can delete the service.
+    void Close();
+
+    SERVICE_STATUS Status() const;
+    bool WaitForState(DWORD state, DWORD timeoutMs = 30000) const;
+    bool Start();
+    // Asks for a stop unless already stopped and waits for the stopped state.
+    bool StopAndWait(DWORD timeoutMs = 30000);
+    // The service process's id while it runs, else 0.
+    DWORD ProcessId() const;
+    SC_HANDLE Handle() const { return service_; }
+
+    // Sets the error log marks: LogSince() returns what was logged after this.
+    void MarkLogs();
+    std::string LogSince() const;
+
+private:
+    SC_HANDLE manager_ = nullptr;
+    SC_HANDLE service_ = nullptr;
+    std::vector<size_t> logStarts_;
+};
+
+}  // namespace svctest
