@@ -182,6 +182,25 @@ TEST_F(Service, StopsWhileEventsAreQueued) {
     EXPECT_TRUE(Contains(log, "OMKRulesProcessor 1.0.0 has stopped.")) << log;
 }
 
+// More queued events than the engine thread's 10 s stop wait covers: the wait
+// runs out, the stop goes on and still ends within the stop's wait hint.
+TEST_F(Service, StopsWithinItsWaitHintWhateverIsQueued) {
+    Collector collector;
+    ASSERT_EQ(S_OK, collector.Connect());
+    for (int i = 0; i < 15; ++i) {
+        EXPECT_EQ(S_OK, collector.RuleTriggered(L"{00000000-1111-2222-3333-444444444444}", L"Battery", L"CycleCount",
+                                                std::to_wstring(900 + i).c_str()));
+    }
+    collector.Release();
+    SERVICE_STATUS status;
+    ASSERT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
+    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 12000)) << LogSince();
+    EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
+    std::string log = LogSince();
+    EXPECT_TRUE(Contains(log, "StopTolvaneThread(): WaitForSingleObject(g_TolvaneThreadHandle) err=258")) << log;
+    EXPECT_TRUE(Contains(log, "OMKRulesProcessor 1.0.0 has stopped.")) << log;
+}
+
 TEST_F(Service, AClientHoldingItsReferenceDelaysTheStopByTheDrainOnly) {
     Collector collector;
     ASSERT_EQ(S_OK, collector.Connect());
