@@ -168,4 +168,15 @@ DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
     return code;
 }
 
+SAFEARRAY* BstrArray(const std::vector<std::wstring>& texts, LONG lowerBound) {
+    SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, lowerBound, static_cast<ULONG>(texts.size()));
+    for (size_t i = 0; array != nullptr && i < texts.size(); ++i) {
+        LONG index = lowerBound + static_cast<LONG>(i);
+        BSTR text = SysAllocStringLen(texts[i].data(), static_cast<UINT>(texts[i].size()));
+        SafeArrayPutElement(array, &index, text);
+        SysFreeString(text);
+    }
+    return array;
+}
+
 }  // namespace omktest

@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <oleauto.h>
+
 #include <string>
 #include <vector>
 
@@ -73,6 +75,10 @@ private:
     std::wstring subKey_;
     HKEY key_ = nullptr;
 };
+
+// A one-dimensional SAFEARRAY of BSTR copies of `texts` from `lowerBound` on;
+// the caller destroys it.
+SAFEARRAY* BstrArray(const std::vector<std::wstring>& texts, LONG lowerBound = 0);
 
 // The folder of the running test program (where the build puts every binary).
 std::wstring ProgramFolder();

@@ -16,6 +16,7 @@
 
 #include "CTolvane.h"
 #include "benchShared.h"
+#include "benchSupport.h"
 #include "comRegistration.h"
 #include "engineTestSupport.h"
 #include "tolvane.h"
@@ -43,11 +44,6 @@ double Microseconds(const std::function<HRESULT()>& call, HRESULT* result) {
     *result = call();
     QueryPerformanceCounter(&after);
     return static_cast<double>(after.QuadPart - before.QuadPart) / g_ticksPerMicrosecond;
-}
-
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 double Mean(const std::vector<double>& values) {
@@ -138,8 +134,8 @@ public:
         const long queuedAfter = Queued();
         for (size_t m = 0; m < methods.size(); ++m) {
             printf("%-7s %6ld..%-6ld %-31s %6d %9.1f %9.1f %9.1f %9.1f %7.3f\n", label, queuedBefore, queuedAfter,
-                   methods[m].name, calls, Median(real[m]), Median(baseline[m]), Mean(real[m]), Mean(baseline[m]),
-                   Median(ratios[m]));
+                   methods[m].name, calls, omkbench::Median(real[m]), omkbench::Median(baseline[m]), Mean(real[m]), Mean(baseline[m]),
+                   omkbench::Median(ratios[m]));
         }
         return true;
     }
@@ -199,7 +195,7 @@ void MeasureInProcess(SAFEARRAY* names, SAFEARRAY* values, SAFEARRAY* data) {
                     if (fill == 0) DrainInProcess();
                 }
                 DrainInProcess();
-                printf("%-7ld %-31s %9.1f %9.1f\n", fill, call.name, Median(times), Mean(times));
+                printf("%-7ld %-31s %9.1f %9.1f\n", fill, call.name, omkbench::Median(times), Mean(times));
             }
         }
         SysFreeString(tag);

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "alertDatabase.h"
+#include "benchSupport.h"
 #include "cdef.h"
 #include "conventions.h"
 #include "eventHandling.h"
@@ -55,63 +56,12 @@ double ThreadCpuMs() {
     return Ms(zero, kernel) + Ms(zero, user);
 }
 
-double WallMs() {
-    static LARGE_INTEGER frequency = [] {
-        LARGE_INTEGER f;
-        QueryPerformanceFrequency(&f);
-        return f;
-    }();
-    LARGE_INTEGER now;
-    QueryPerformanceCounter(&now);
-    return 1000.0 * static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
-
-double Median(std::vector<double> samples) {
-    std::sort(samples.begin(), samples.end());
-    return samples.empty() ? 0.0 : samples[samples.size() / 2];
-}
-
-// Differs from its neighbours from the first digit on, as generated GUIDs do.
-std::wstring GuidText(int i) {
-    unsigned long long x = 0x9E3779B97F4A7C15ull * static_cast<unsigned long long>(i + 1);
-    wchar_t text[64];
-    _snwprintf(text, 63, L"{%08X-%04X-%04X-%04X-%012llX}", static_cast<unsigned int>(x >> 32),
-               static_cast<unsigned int>((x >> 16) & 0xFFFF), static_cast<unsigned int>(x & 0xFFFF),
-               static_cast<unsigned int>(i & 0xFFFF), static_cast<unsigned long long>(i));
-    text[63] = L'\0';
-    return text;
-}
-
-std::string RuleFile(int rules) {
-    std::string text =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n<Tolvane>\r\n<MaxAlertFiles>30</MaxAlertFiles>\r\n"
-        "<CreateXmls>1</CreateXmls>\r\n<ActionConfig Type=\"OMKActionLog\"><Log>omkActionLog.txt</Log></ActionConfig>\r\n";
-    for (int i = 0; i < rules; ++i) {
-        std::string n = std::to_string(i);
-        text += "<Rule Enabled=\"1\" Platform=\"All\" Type=\"OMKCollectorRules\"><Name>Rule " + n +
-                "</Name><Descr>Description of rule " + n + "</Descr><RuleGuid>" + omktest::ToUtf8(GuidText(i)) +
-                "</RuleGuid><AlertMsg>Alert message of rule " + n +
-                "</AlertMsg><Action Type=\"OMKActionLog\" Severity=\"Warning\"/></Rule>\r\n";
-    }
-    return text + "</Tolvane>\r\n";
-}
-
 wchar_t* CountedCopy(const std::wstring& text) {
     size_t chars = text.size() + 1;
     auto* copy = static_cast<wchar_t*>(malloc(chars * sizeof(wchar_t)));
     ++g_allocCount;
     wcscpy_s(copy, chars, text.c_str());
     return copy;
-}
-
-SAFEARRAY* BstrArray(const std::vector<std::wstring>& texts) {
-    SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-    for (LONG i = 0; i < static_cast<LONG>(texts.size()); ++i) {
-        BSTR text = SysAllocString(texts[i].c_str());
-        SafeArrayPutElement(array, &i, text);
-        SysFreeString(text);
-    }
-    return array;
 }
 
 // What a collector's Tolvane_RuleTriggered queues: plugin id, GUID, tag and 8 items.
@@ -129,8 +79,8 @@ WORK_ITEM* TriggeredEvent(const std::wstring& guid) {
     item->u.ruleTriggered.ruleGuid = CountedCopy(guid);
     item->u.ruleTriggered.dataItemsEnclosingXmlTag = CountedCopy(L"Battery");
     item->u.ruleTriggered.numDataItems = kDataItems;
-    item->u.ruleTriggered.dataItemName = BstrArray(names);
-    item->u.ruleTriggered.dataItemVal = BstrArray(values);
+    item->u.ruleTriggered.dataItemName = omktest::BstrArray(names);
+    item->u.ruleTriggered.dataItemVal = omktest::BstrArray(values);
     return item;
 }
 
@@ -148,23 +98,23 @@ struct EngineFigures {
 };
 
 bool RunEngine(int rules, int events, EngineFigures& figures) {
-    if (!omktest::WriteFileBytes(kInstallFolder + L"\\insvcAlerts.xml", RuleFile(rules))) return false;
+    if (!omktest::WriteFileBytes(kInstallFolder + L"\\insvcAlerts.xml", omkbench::CollectorRulesFile(rules))) return false;
     DWORD status = Tolvane_Init();
     if (status != 0) {
         fprintf(stderr, "Tolvane_Init failed: G_STATUS %lu\n", status);
         return false;
     }
-    const std::wstring target = GuidText(rules / 2);
+    const std::wstring target = omkbench::RuleGuidW(rules / 2);
     double cpu = 0;
     std::vector<double> wall;
     for (int i = 0; i < events; ++i) {
         WORK_ITEM* item = TriggeredEvent(target);
         WaitForNextSecond();
         double cpuBefore = ThreadCpuMs();
-        double wallBefore = WallMs();
+        double wallBefore = omkbench::NowMs();
         // On this thread rather than the engine's, so its CPU time is the event's alone.
         Tolvane_HandleEvents(item);
-        wall.push_back(WallMs() - wallBefore);
+        wall.push_back(omkbench::NowMs() - wallBefore);
         cpu += ThreadCpuMs() - cpuBefore;
         FreeWorkItem(item);
     }
@@ -172,7 +122,7 @@ bool RunEngine(int rules, int events, EngineFigures& figures) {
     Tolvane_Term();
     Tolvane_ForgetStepsForTest();
     figures.cpuMs = cpu / events;
-    figures.wallMs = Median(wall);
+    figures.wallMs = omkbench::Median(wall);
     return !figures.alert.empty();
 }
 
@@ -194,7 +144,7 @@ bool RunFloor(const std::string& alert, int rounds, double& cpuMs, double& wallM
     for (int i = 0; ok && i < rounds; ++i) {
         const std::wstring path = folder + L"\\floor" + std::to_wstring(i) + L".xml";
         double cpuBefore = ThreadCpuMs();
-        double wallBefore = WallMs();
+        double wallBefore = omkbench::NowMs();
         HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
         DWORD written = 0;
         ok = file != INVALID_HANDLE_VALUE && WriteFile(file, alert.data(), static_cast<DWORD>(alert.size()), &written, nullptr);
@@ -204,7 +154,7 @@ bool RunFloor(const std::string& alert, int rounds, double& cpuMs, double& wallM
         sqlite3_bind_int64(insert, 3, 0);
         ok = ok && sqlite3_step(insert) == SQLITE_DONE;
         sqlite3_reset(insert);
-        wall.push_back(WallMs() - wallBefore);
+        wall.push_back(omkbench::NowMs() - wallBefore);
         cpu += ThreadCpuMs() - cpuBefore;
         DeleteFileW(path.c_str());
     }
@@ -212,7 +162,7 @@ bool RunFloor(const std::string& alert, int rounds, double& cpuMs, double& wallM
     sqlite3_close(db);
     RemoveDirectoryW(folder.c_str());
     cpuMs = cpu / rounds;
-    wallMs = Median(wall);
+    wallMs = omkbench::Median(wall);
     return ok;
 }
 

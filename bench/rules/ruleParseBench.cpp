@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "actionPlugin.h"
+#include "benchSupport.h"
 #include "conventions.h"
 #include "ruleParser.h"
 #include "rulePlugin.h"
@@ -21,29 +22,6 @@
 #include "xmlAccess.h"
 
 namespace {
-
-double NowMs() {
-    static LARGE_INTEGER frequency = [] {
-        LARGE_INTEGER f;
-        QueryPerformanceFrequency(&f);
-        return f;
-    }();
-    LARGE_INTEGER now;
-    QueryPerformanceCounter(&now);
-    return 1000.0 * static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
-
-// A GUID text that differs from its neighbours from the first digit on, as
-// generated GUIDs do (a shared prefix would make every duplicate check slower).
-std::wstring GuidText(int i) {
-    unsigned long long x = 0x9E3779B97F4A7C15ull * static_cast<unsigned long long>(i + 1);
-    wchar_t text[64];
-    _snwprintf(text, 63, L"{%08X-%04X-%04X-%04X-%012llX}", static_cast<unsigned int>(x >> 32),
-               static_cast<unsigned int>((x >> 16) & 0xFFFF), static_cast<unsigned int>(x & 0xFFFF),
-               static_cast<unsigned int>(i & 0xFFFF), static_cast<unsigned long long>(i));
-    text[63] = L'\0';
-    return text;
-}
 
 std::wstring RuleFileText(int rules) {
     std::wstring text =
@@ -54,7 +32,7 @@ std::wstring RuleFileText(int rules) {
         text += L"<Rule Enabled=\"1\" Platform=\"All\" OnSummary=\"1\" MaxTriggerPerBoot=\"3\" Type=\"BenchRules\">";
         text += L"<Name>Rule " + n + L"</Name>";
         text += L"<Descr>Description of rule " + n + L"</Descr>";
-        text += L"<RuleGuid>" + GuidText(i) + L"</RuleGuid>";
+        text += L"<RuleGuid>" + omkbench::RuleGuidW(i) + L"</RuleGuid>";
         text += L"<AlertMsg>Alert message of rule " + n + L"</AlertMsg>";
         text += L"<Action Type=\"BenchNotify\" Level=\"2\"><Text>notify " + n + L"</Text></Action>";
         text += L"<Action Type=\"BenchNotify\" Level=\"1\"/></Rule>\n";
@@ -64,9 +42,9 @@ std::wstring RuleFileText(int rules) {
 
 // One load of the whole text, released again.
 double LoadOnceMs(const std::wstring& text) {
-    double start = NowMs();
+    double start = omkbench::NowMs();
     IXMLDOMDocument* doc = LoadXML(text.c_str());
-    double elapsed = NowMs() - start;
+    double elapsed = omkbench::NowMs() - start;
     if (doc == nullptr) {
         fprintf(stderr, "load failed\n");
         exit(1);
@@ -78,7 +56,7 @@ double LoadOnceMs(const std::wstring& text) {
 
 // The file-level walk alone: load, count, and take each rule's outer XML.
 double WalkMs(const std::wstring& text) {
-    double start = NowMs();
+    double start = omkbench::NowMs();
     IXMLDOMDocument* doc = LoadXML(text.c_str());
     unsigned int count = 0;
     GetNumInstancesInXml(doc, L"/Tolvane/Rule", &count);
@@ -89,12 +67,12 @@ double WalkMs(const std::wstring& text) {
     }
     doc->Release();
     CoUninitialize();
-    return NowMs() - start;
+    return omkbench::NowMs() - start;
 }
 
 // The same walk over one node list selected once, for comparison.
 double SingleSelectionWalkMs(const std::wstring& text) {
-    double start = NowMs();
+    double start = omkbench::NowMs();
     IXMLDOMDocument* doc = LoadXML(text.c_str());
     BSTR path = SysAllocString(L"/Tolvane/Rule");
     IXMLDOMNodeList* list = nullptr;
@@ -113,13 +91,13 @@ double SingleSelectionWalkMs(const std::wstring& text) {
     list->Release();
     doc->Release();
     CoUninitialize();
-    return NowMs() - start;
+    return omkbench::NowMs() - start;
 }
 
 double ParseMs(const std::wstring& text, int rules) {
-    double start = NowMs();
+    double start = omkbench::NowMs();
     DWORD status = ParseRuleDefinitions(text.c_str());
-    double elapsed = NowMs() - start;
+    double elapsed = omkbench::NowMs() - start;
     if (status != RULES_OK || g_numRules != static_cast<DWORD>(rules)) {
         fprintf(stderr, "parse failed: status %lu, %lu rules\n", status, g_numRules);
         exit(1);

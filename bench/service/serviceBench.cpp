@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "benchSupport.h"
 #include "installedService.h"
 #include "testPlugins.h"
 #include "testSupport.h"
@@ -32,42 +33,11 @@ const std::wstring kInstall = L"C:\\omkbench-svc";
 constexpr int kStartRounds = 5;
 constexpr int kQueuedEvents = 10000;
 
-double NowMs() {
-    static LARGE_INTEGER frequency = [] {
-        LARGE_INTEGER f;
-        QueryPerformanceFrequency(&f);
-        return f;
-    }();
-    LARGE_INTEGER now;
-    QueryPerformanceCounter(&now);
-    return 1000.0 * static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
-
-std::string RulesFile(int rules) {
-    std::string text =
-        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n<Tolvane>\r\n<MaxAlertFiles>30</MaxAlertFiles>\r\n"
-        "<CreateXmls>1</CreateXmls>\r\n<ActionConfig Type=\"OMKActionLog\"><Log>omkActionLog.txt</Log></ActionConfig>\r\n";
-    for (int i = 0; i < rules; ++i) {
-        char guid[64];
-        unsigned long long x = 0x9E3779B97F4A7C15ull * static_cast<unsigned long long>(i + 1);
-        _snprintf(guid, 63, "{%08X-%04X-%04X-%04X-%012llX}", static_cast<unsigned int>(x >> 32),
-                  static_cast<unsigned int>((x >> 16) & 0xFFFF), static_cast<unsigned int>(x & 0xFFFF),
-                  static_cast<unsigned int>(i & 0xFFFF), static_cast<unsigned long long>(i));
-        guid[63] = '\0';
-        std::string n = std::to_string(i);
-        text += "<Rule Enabled=\"1\" Platform=\"All\" Type=\"OMKCollectorRules\"><Name>Rule " + n +
-                "</Name><Descr>Description of rule " + n + "</Descr><RuleGuid>" + guid +
-                "</RuleGuid><AlertMsg>Alert message of rule " + n +
-                "</AlertMsg><Action Type=\"OMKActionLog\" Severity=\"Warning\"/></Rule>\r\n";
-    }
-    return text + "</Tolvane>\r\n";
-}
-
 // Median milliseconds from StartService to the running state.
 double StartToRunningMs(svctest::InstalledService& service) {
     std::vector<double> samples;
     for (int i = 0; i < kStartRounds; ++i) {
-        double start = NowMs();
+        double start = omkbench::NowMs();
         // A service manager that has just started may still hold its database lock.
         bool started = service.Start();
         for (int retry = 0; !started && GetLastError() == ERROR_SERVICE_DATABASE_LOCKED && retry < 50; ++retry) {
@@ -79,17 +49,16 @@ double StartToRunningMs(svctest::InstalledService& service) {
             exit(1);
         }
         while (service.Status().dwCurrentState != SERVICE_RUNNING) {
-            if (service.Status().dwCurrentState == SERVICE_STOPPED || NowMs() - start > 120000) {
+            if (service.Status().dwCurrentState == SERVICE_STOPPED || omkbench::NowMs() - start > 120000) {
                 fprintf(stderr, "the service did not start:\n%s\n", service.LogSince().c_str());
                 exit(1);
             }
             Sleep(5);
         }
-        samples.push_back(NowMs() - start);
+        samples.push_back(omkbench::NowMs() - start);
         service.StopAndWait();
     }
-    std::sort(samples.begin(), samples.end());
-    return samples[samples.size() / 2];
+    return omkbench::Median(samples);
 }
 
 double ProcessCpuMs(HANDLE process) {
@@ -118,21 +87,16 @@ bool QueueEvents(int count) {
                                 reinterpret_cast<void**>(&tolvane)))) {
         return false;
     }
-    SAFEARRAY* names = SafeArrayCreateVector(VT_BSTR, 0, 1);
-    SAFEARRAY* values = SafeArrayCreateVector(VT_BSTR, 0, 1);
-    LONG index = 0;
-    BSTR name = SysAllocString(L"CycleCount");
-    BSTR value = SysAllocString(L"812");
-    SafeArrayPutElement(names, &index, name);
-    SafeArrayPutElement(values, &index, value);
+    SAFEARRAY* names = omktest::BstrArray({L"CycleCount"});
+    SAFEARRAY* values = omktest::BstrArray({L"812"});
     BSTR plugin = SysAllocString(svctest::kCollectorPluginId);
     BSTR guid = SysAllocString(L"{00000000-1111-2222-3333-444444444444}");
     BSTR tag = SysAllocString(L"Battery");
     bool ok = true;
-    double start = NowMs();
+    double start = omkbench::NowMs();
     for (int i = 0; ok && i < count; ++i) ok = SUCCEEDED(tolvane->Tolvane_RuleTriggered(plugin, guid, tag, names, values));
-    printf("  %d events queued over COM in %.0f ms\n", count, NowMs() - start);
-    for (BSTR text : {name, value, plugin, guid, tag}) SysFreeString(text);
+    printf("  %d events queued over COM in %.0f ms\n", count, omkbench::NowMs() - start);
+    for (BSTR text : {plugin, guid, tag}) SysFreeString(text);
     SafeArrayDestroy(names);
     SafeArrayDestroy(values);
     tolvane->Release();
@@ -156,7 +120,7 @@ int wmain(int argc, wchar_t** argv) {
 
     printf("Service start to running (median of %d)\n", kStartRounds);
     printf("  sample rule file: %.0f ms\n", StartToRunningMs(service));
-    omktest::WriteFileBytes(rules, RulesFile(1000));
+    omktest::WriteFileBytes(rules, omkbench::CollectorRulesFile(1000));
     printf("  1,000 rules:      %.0f ms\n", StartToRunningMs(service));
     omktest::WriteFileBytes(rules, sample);
     fflush(stdout);

@@ -17,18 +17,6 @@ namespace {
 
 using omktest::PluginCall;
 
-SAFEARRAY* BstrArray(std::initializer_list<const wchar_t*> texts) {
-    SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-    LONG i = 0;
-    for (const wchar_t* text : texts) {
-        BSTR element = SysAllocString(text);
-        SafeArrayPutElement(array, &i, element);
-        SysFreeString(element);
-        ++i;
-    }
-    return array;
-}
-
 // A copy of a test plugin loaded under its own name, with its behaviour and
 // call log; unloaded before the scratch folder goes.
 class TestPluginModule : public ::testing::Test {
@@ -157,8 +145,8 @@ TEST_F(TestPluginModule, RuleTriggeredRecordsTheDataItemsOfATriggeredRuleEvent) 
     item.u.ruleTriggered.ruleGuid = const_cast<wchar_t*>(L"{guid}");
     item.u.ruleTriggered.dataItemsEnclosingXmlTag = nullptr;
     item.u.ruleTriggered.numDataItems = 2;
-    item.u.ruleTriggered.dataItemName = BstrArray({L"Drive", L"Free"});
-    item.u.ruleTriggered.dataItemVal = BstrArray({L"C:", L"5%"});
+    item.u.ruleTriggered.dataItemName = omktest::BstrArray({L"Drive", L"Free"});
+    item.u.ruleTriggered.dataItemVal = omktest::BstrArray({L"C:", L"5%"});
     sample.rule.workItem = &item;
 
     EXPECT_EQ(5u, Export<PFN_Rule_Triggered>("Rule_Triggered")(&sample.rule)) << "the rule's XML chose 5";

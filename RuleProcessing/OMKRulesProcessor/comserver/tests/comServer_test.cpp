@@ -95,17 +95,6 @@ private:
     SAFEARRAY* a_;
 };
 
-SAFEARRAY* Strings(const std::vector<std::wstring>& texts, LONG lowerBound = 0) {
-    SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, lowerBound, static_cast<ULONG>(texts.size()));
-    for (size_t i = 0; i < texts.size(); ++i) {
-        LONG index = lowerBound + static_cast<LONG>(i);
-        BSTR text = SysAllocStringLen(texts[i].data(), static_cast<UINT>(texts[i].size()));
-        SafeArrayPutElement(array, &index, text);
-        SysFreeString(text);
-    }
-    return array;
-}
-
 SAFEARRAY* TwoDimensional(VARTYPE type) {
     SAFEARRAYBOUND bounds[2] = {{2, 0}, {3, 0}};
     return SafeArrayCreate(type, 2, bounds);
@@ -260,9 +249,9 @@ TEST(TolvaneOverCom, RuleTriggeredChecksItsArgumentsAndCopiesWhatItQueues) {
     Bstr plugin(L"plugin");
     Bstr guid(L"{guid}");
     Bstr tag(L"Data");
-    Array two(Strings({L"a", L"b"}));
-    Array otherTwo(Strings({L"1", L"2"}));
-    Array three(Strings({L"a", L"b", L"c"}));
+    Array two(omktest::BstrArray({L"a", L"b"}));
+    Array otherTwo(omktest::BstrArray({L"1", L"2"}));
+    Array three(omktest::BstrArray({L"a", L"b", L"c"}));
     Array square(TwoDimensional(VT_BSTR));
 
     // Refused: nothing is queued.
@@ -292,12 +281,12 @@ TEST(TolvaneOverCom, RuleTriggeredChecksItsArgumentsAndCopiesWhatItQueues) {
     EXPECT_EQ(S_OK, tolvane->Tolvane_RuleTriggered(plugin, guid, nullptr, two, otherTwo));
     expected.push_back("plugin=\"plugin\" guid=\"{guid}\" tag=~ n=2 names=[vt=8:\"a\",\"b\"] vals=[vt=8:\"1\",\"2\"]");
     Bstr empty(L"");
-    Array none(Strings({}));
-    Array noValues(Strings({}));
+    Array none(omktest::BstrArray({}));
+    Array noValues(omktest::BstrArray({}));
     EXPECT_EQ(S_OK, tolvane->Tolvane_RuleTriggered(empty, empty, empty, none, noValues));
     expected.push_back("plugin=\"\" guid=\"\" tag=\"\" n=0 names=[vt=8:] vals=[vt=8:]");
-    Array fromFive(Strings({L"x", L"y", L"z"}, 5));
-    Array unicode(Strings({L"\u00e9t\u00e9", L"a b,c", L"\"[=]\""}));
+    Array fromFive(omktest::BstrArray({L"x", L"y", L"z"}, 5));
+    Array unicode(omktest::BstrArray({L"\u00e9t\u00e9", L"a b,c", L"\"[=]\""}));
     Bstr odd(L"{\u00e9 \\}");
     EXPECT_EQ(S_OK, tolvane->Tolvane_RuleTriggered(odd, odd, odd, fromFive, unicode));
     expected.push_back(
@@ -316,15 +305,15 @@ TEST(TolvaneOverCom, RuleTriggeredChecksItsArgumentsAndCopiesWhatItQueues) {
         manyNames.push_back(L"n" + std::to_wstring(i));
         manyValues.push_back(L"v" + std::to_wstring(i));
     }
-    Array bigNames(Strings(manyNames));
-    Array bigValues(Strings(manyValues));
+    Array bigNames(omktest::BstrArray(manyNames));
+    Array bigValues(omktest::BstrArray(manyValues));
     EXPECT_EQ(S_OK, tolvane->Tolvane_RuleTriggered(plugin, guid, tag, bigNames, bigValues));
     expected.push_back("plugin=\"plugin\" guid=\"{guid}\" tag=\"Data\" n=100000 names=" + StringsRecord(manyNames) +
                        " vals=" + StringsRecord(manyValues));
     const std::wstring longText(1000000, L'L');
     Bstr huge(longText);
-    Array hugeNames(Strings({longText}));
-    Array hugeValues(Strings({longText}));
+    Array hugeNames(omktest::BstrArray({longText}));
+    Array hugeValues(omktest::BstrArray({longText}));
     EXPECT_EQ(S_OK, tolvane->Tolvane_RuleTriggered(huge, huge, huge, hugeNames, hugeValues));
     const std::string hugeRecord = Text(longText.c_str());
     expected.push_back("plugin=" + hugeRecord + " guid=" + hugeRecord + " tag=" + hugeRecord +
@@ -400,8 +389,8 @@ TEST(TolvaneOverCom, AllocationCountComesBackAfterADrainButForPeriodicData) {
     ASSERT_TRUE(host.Serving());
     Ptr<ITolvane> tolvane;
     ASSERT_EQ(S_OK, CreateTolvane(tolvane));
-    Array names(Strings({L"a", L"b"}));
-    Array values(Strings({L"1", L"2"}));
+    Array names(omktest::BstrArray({L"a", L"b"}));
+    Array values(omktest::BstrArray({L"1", L"2"}));
     Array data(Bytes("12345678"));
     Array none(Bytes(""));
     ASSERT_EQ(S_OK, tolvane->Tolvane_SummaryCreated());

@@ -50,14 +50,10 @@ public:
     }
     // Tolvane_RuleTriggered with one name=value data item.
     HRESULT RuleTriggered(const wchar_t* guid, const wchar_t* tag, const wchar_t* name, const wchar_t* value) {
-        SAFEARRAY* names = SafeArrayCreateVector(VT_BSTR, 0, 1);
-        SAFEARRAY* values = SafeArrayCreateVector(VT_BSTR, 0, 1);
-        LONG index = 0;
-        BSTR texts[] = {SysAllocString(name), SysAllocString(value), SysAllocString(svctest::kCollectorPluginId),
-                        SysAllocString(guid), SysAllocString(tag)};
-        SafeArrayPutElement(names, &index, texts[0]);
-        SafeArrayPutElement(values, &index, texts[1]);
-        HRESULT hr = tolvane_->Tolvane_RuleTriggered(texts[2], texts[3], texts[4], names, values);
+        SAFEARRAY* names = omktest::BstrArray({name});
+        SAFEARRAY* values = omktest::BstrArray({value});
+        BSTR texts[] = {SysAllocString(svctest::kCollectorPluginId), SysAllocString(guid), SysAllocString(tag)};
+        HRESULT hr = tolvane_->Tolvane_RuleTriggered(texts[0], texts[1], texts[2], names, values);
         for (BSTR text : texts) SysFreeString(text);
         SafeArrayDestroy(names);
         SafeArrayDestroy(values);

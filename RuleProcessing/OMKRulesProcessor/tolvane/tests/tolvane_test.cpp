@@ -48,16 +48,6 @@ wchar_t* CopyCounted(const wchar_t* text) {
     return copy;
 }
 
-SAFEARRAY* BstrArray(const std::vector<std::wstring>& texts) {
-    SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-    for (LONG i = 0; i < static_cast<LONG>(texts.size()); ++i) {
-        BSTR text = SysAllocString(texts[i].c_str());
-        SafeArrayPutElement(array, &i, text);
-        SysFreeString(text);
-    }
-    return array;
-}
-
 WORK_ITEM* NewItem(unsigned int kind) {
     auto* item = static_cast<WORK_ITEM*>(malloc(sizeof(WORK_ITEM)));
     OmkFill(item, sizeof(WORK_ITEM));
@@ -77,8 +67,8 @@ WORK_ITEM* RuleTriggered(const wchar_t* pluginId, const wchar_t* guid, const wch
     if (!names.empty()) {
         item->u.ruleTriggered.dataItemsEnclosingXmlTag = tag != nullptr ? CopyCounted(tag) : nullptr;
         item->u.ruleTriggered.numDataItems = static_cast<unsigned int>(names.size());
-        item->u.ruleTriggered.dataItemName = BstrArray(names);
-        item->u.ruleTriggered.dataItemVal = BstrArray(values);
+        item->u.ruleTriggered.dataItemName = omktest::BstrArray(names);
+        item->u.ruleTriggered.dataItemVal = omktest::BstrArray(values);
     }
     return item;
 }
