@@ -251,7 +251,8 @@ TEST_F(Service, InstalledProductFromCollectorToolToUninstall) {
     EXPECT_TRUE(Contains(alert, "29120")) << alert;
     EXPECT_TRUE(Contains(alert, "Battery capacity is degraded")) << alert;
     EXPECT_EQ(0u, omktest::RunProcess(L"net stop OMKRulesProcessor"));
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_STOPPED), service_.Status().dwCurrentState);
+    // Wine's net may return while the stop is still pending.
+    EXPECT_TRUE(service_.WaitForState(SERVICE_STOPPED, 15000));
 
     service_.Close();
     ASSERT_EQ(0u, svctest::RunInstaller(L"uninstall", kInstall));
