@@ -24,6 +24,12 @@ inline double NowMs() {
     return 1000.0 * static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
 }
 
+// A FILETIME duration (100 ns units) in milliseconds.
+inline double FileTimeMs(const FILETIME& time) {
+    return static_cast<double>((static_cast<unsigned long long>(time.dwHighDateTime) << 32) | time.dwLowDateTime) /
+           10000.0;
+}
+
 inline double Median(std::vector<double> samples) {
     if (samples.empty()) return 0.0;
     std::sort(samples.begin(), samples.end());

@@ -168,6 +168,14 @@ DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
     return code;
 }
 
+bool WaitFor(const std::function<bool()>& done, DWORD timeoutMs) {
+    for (DWORD waited = 0; waited < timeoutMs; waited += 50) {
+        if (done()) return true;
+        Sleep(50);
+    }
+    return done();
+}
+
 SAFEARRAY* BstrArray(const std::vector<std::wstring>& texts, LONG lowerBound) {
     SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, lowerBound, static_cast<ULONG>(texts.size()));
     for (size_t i = 0; array != nullptr && i < texts.size(); ++i) {

@@ -6,6 +6,7 @@
 
 #include <oleauto.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -79,6 +80,9 @@ private:
 // A one-dimensional SAFEARRAY of BSTR copies of `texts` from `lowerBound` on;
 // the caller destroys it.
 SAFEARRAY* BstrArray(const std::vector<std::wstring>& texts, LONG lowerBound = 0);
+
+// Polls `done` every 50 ms for at most `timeoutMs`; its last answer.
+bool WaitFor(const std::function<bool()>& done, DWORD timeoutMs);
 
 // The folder of the running test program (where the build puts every binary).
 std::wstring ProgramFolder();

@@ -13,7 +13,6 @@
 //   WINEPREFIX=$PWD/build/wineprefix WINEDEBUG=-all wine build/bin/engineBench.exe [events per size]
 #include <windows.h>
 
-#include <oleauto.h>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -24,9 +23,8 @@
 #include "alertDatabase.h"
 #include "benchSupport.h"
 #include "cdef.h"
-#include "conventions.h"
+#include "engineTestSupport.h"
 #include "eventHandling.h"
-#include "omkDb.h"
 #include "sqlite3.h"
 #include "testPlugins.h"
 #include "testSupport.h"
@@ -41,47 +39,21 @@ const wchar_t kCollectorKey[] = L"SYSTEM\\CurrentControlSet\\Services\\OMKCollec
 const wchar_t kRulePluginId[] = L"OMKCollectorRules";
 constexpr int kDataItems = 8;
 
-double Ms(const FILETIME& from, const FILETIME& to) {
-    auto ticks = [](const FILETIME& t) {
-        return (static_cast<unsigned long long>(t.dwHighDateTime) << 32) | t.dwLowDateTime;
-    };
-    return static_cast<double>(ticks(to) - ticks(from)) / 10000.0;
-}
-
 // CPU time (user + kernel) of the calling thread in milliseconds.
 double ThreadCpuMs() {
     FILETIME created, exited, kernel, user;
     GetThreadTimes(GetCurrentThread(), &created, &exited, &kernel, &user);
-    FILETIME zero = {0, 0};
-    return Ms(zero, kernel) + Ms(zero, user);
+    return omkbench::FileTimeMs(kernel) + omkbench::FileTimeMs(user);
 }
 
-wchar_t* CountedCopy(const std::wstring& text) {
-    size_t chars = text.size() + 1;
-    auto* copy = static_cast<wchar_t*>(malloc(chars * sizeof(wchar_t)));
-    ++g_allocCount;
-    wcscpy_s(copy, chars, text.c_str());
-    return copy;
-}
-
-// What a collector's Tolvane_RuleTriggered queues: plugin id, GUID, tag and 8 items.
+// A collector's triggered-rule event for `guid` with 8 data items.
 WORK_ITEM* TriggeredEvent(const std::wstring& guid) {
-    auto* item = static_cast<WORK_ITEM*>(malloc(sizeof(WORK_ITEM)));
-    ++g_allocCount;
-    memset(item, 0, sizeof(WORK_ITEM));
-    item->kind = WORK_RULE_TRIGGERED;
     std::vector<std::wstring> names, values;
     for (int i = 0; i < kDataItems; ++i) {
         names.push_back(L"Item" + std::to_wstring(i));
         values.push_back(L"value " + std::to_wstring(1000 + i * 37));
     }
-    item->u.ruleTriggered.rulePluginId = CountedCopy(kRulePluginId);
-    item->u.ruleTriggered.ruleGuid = CountedCopy(guid);
-    item->u.ruleTriggered.dataItemsEnclosingXmlTag = CountedCopy(L"Battery");
-    item->u.ruleTriggered.numDataItems = kDataItems;
-    item->u.ruleTriggered.dataItemName = omktest::BstrArray(names);
-    item->u.ruleTriggered.dataItemVal = omktest::BstrArray(values);
-    return item;
+    return omktest::RuleTriggeredItem(kRulePluginId, guid.c_str(), L"Battery", names, values);
 }
 
 // Sleeps into the next wall-clock second: alert files and records are named by the second.
@@ -126,15 +98,13 @@ bool RunEngine(int rules, int events, EngineFigures& figures) {
     return !figures.alert.empty();
 }
 
-std::string Utf8(const std::wstring& text) { return omktest::ToUtf8(text); }
-
 // The floor: the same bytes to a new file, then one insert on an open connection.
 bool RunFloor(const std::string& alert, int rounds, double& cpuMs, double& wallMs) {
     const std::wstring database = std::wstring(CDef::GetInstance().FOLDER_OMK_DATABASE) + L"\\omkAlerts.db";
     const std::wstring folder = std::wstring(CDef::GetInstance().FOLDER_OMK_ALERT) + L"\\floor";
     CreateDirectoryW(folder.c_str(), nullptr);
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(Utf8(database).c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) return false;
+    if (sqlite3_open_v2(omktest::ToUtf8(database).c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) return false;
     bool ok = sqlite3_exec(db, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr) == SQLITE_OK &&
               sqlite3_exec(db, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr) == SQLITE_OK;
     sqlite3_stmt* insert = nullptr;

@@ -12,7 +12,6 @@
 //   WINEPREFIX=$PWD/build/benchprefix wineserver -k
 #include <windows.h>
 
-#include <oleauto.h>
 #include <psapi.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -25,7 +24,6 @@
 #include "installedService.h"
 #include "testPlugins.h"
 #include "testSupport.h"
-#include "tolvane.h"
 
 namespace {
 
@@ -64,11 +62,7 @@ double StartToRunningMs(svctest::InstalledService& service) {
 double ProcessCpuMs(HANDLE process) {
     FILETIME created, exited, kernel, user;
     GetProcessTimes(process, &created, &exited, &kernel, &user);
-    auto ms = [](const FILETIME& t) {
-        return static_cast<double>((static_cast<unsigned long long>(t.dwHighDateTime) << 32) | t.dwLowDateTime) /
-               10000.0;
-    };
-    return ms(kernel) + ms(user);
+    return omkbench::FileTimeMs(kernel) + omkbench::FileTimeMs(user);
 }
 
 void PrintMemory(const char* when, HANDLE process) {
@@ -82,24 +76,13 @@ void PrintMemory(const char* when, HANDLE process) {
 
 // Queues `count` triggered-rule events of a rule the file does not have.
 bool QueueEvents(int count) {
-    ITolvane* tolvane = nullptr;
-    if (FAILED(CoCreateInstance(CLSID_Tolvane, nullptr, CLSCTX_LOCAL_SERVER, IID_ITolvane,
-                                reinterpret_cast<void**>(&tolvane)))) {
-        return false;
-    }
-    SAFEARRAY* names = omktest::BstrArray({L"CycleCount"});
-    SAFEARRAY* values = omktest::BstrArray({L"812"});
-    BSTR plugin = SysAllocString(svctest::kCollectorPluginId);
-    BSTR guid = SysAllocString(L"{00000000-1111-2222-3333-444444444444}");
-    BSTR tag = SysAllocString(L"Battery");
+    svctest::Collector collector;
+    if (FAILED(collector.Connect())) return false;
     bool ok = true;
     double start = omkbench::NowMs();
-    for (int i = 0; ok && i < count; ++i) ok = SUCCEEDED(tolvane->Tolvane_RuleTriggered(plugin, guid, tag, names, values));
+    for (int i = 0; ok && i < count; ++i)
+        ok = SUCCEEDED(collector.RuleTriggered(L"{00000000-1111-2222-3333-444444444444}", L"Battery", L"CycleCount", L"812"));
     printf("  %d events queued over COM in %.0f ms\n", count, omkbench::NowMs() - start);
-    for (BSTR text : {plugin, guid, tag}) SysFreeString(text);
-    SafeArrayDestroy(names);
-    SafeArrayDestroy(values);
-    tolvane->Release();
     return ok;
 }
 
@@ -140,10 +123,8 @@ int wmain(int argc, wchar_t** argv) {
     printf("  idle CPU time over %lu s: %.0f ms\n", idleSeconds, ProcessCpuMs(process) - cpuBefore);
     fflush(stdout);
 
-    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     if (!QueueEvents(kQueuedEvents)) fprintf(stderr, "queueing events failed\n");
     PrintMemory("after 10,000 queued events", process);
-    CoUninitialize();
 
     TerminateProcess(process, 1);
     CloseHandle(process);

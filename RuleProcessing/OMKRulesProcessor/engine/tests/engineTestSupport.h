@@ -1,6 +1,7 @@
-// What programs that run the queue without the whole engine need: the queue
-// lock set up and taken down the way engine start-up and teardown do it, and a
-// reader of the debugger output so that trace lines can be asserted.
+// What programs that run the queue need: the queue lock set up and taken down
+// the way engine start-up and teardown do it, work items built the way the COM
+// methods build them, and a reader of the debugger output so that trace lines
+// can be asserted.
 #pragma once
 
 #include <windows.h>
@@ -10,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "omkPluginSdk.h"
+
 namespace omktest {
 
 // The first step of engine start-up: the queue lock exists and items can be
@@ -18,6 +21,16 @@ void InitWorkQueueLock();
 
 // The last step of engine teardown: the lock is deleted and the flag cleared.
 void DeleteWorkQueueLock();
+
+// Heap blocks of a work item as the producers allocate them: filled with 0x24
+// bytes first and counted in g_allocCount, so FreeWorkItem balances them.
+wchar_t* CountedCopy(const wchar_t* text);
+WORK_ITEM* NewWorkItem(unsigned int kind);
+// What a collector's Tolvane_RuleTriggered queues. Without data items the
+// item has no tag and no arrays.
+WORK_ITEM* RuleTriggeredItem(const wchar_t* pluginId, const wchar_t* guid, const wchar_t* tag = nullptr,
+                             const std::vector<std::wstring>& names = {},
+                             const std::vector<std::wstring>& values = {});
 
 // One line written with OutputDebugString, and the process that wrote it.
 struct TraceLine {

@@ -71,40 +71,13 @@ using omktest::TraceMonitor;
 
 const char kWaitTrace[] = "TolvaneThreadProc() WaitForMultipleObjects(g_TolvaneThreadExitEvent,g_TolvaneEvent)...";
 
-wchar_t* CountedCopy(const wchar_t* text) {
-    size_t chars = wcslen(text) + 1;
-    auto* copy = static_cast<wchar_t*>(malloc(chars * sizeof(wchar_t)));
-    OmkFill(copy, chars * sizeof(wchar_t));
-    memcpy(copy, text, chars * sizeof(wchar_t));
-    ++g_allocCount;
-    return copy;
-}
-
-WORK_ITEM* NewItem(unsigned int kind) {
-    auto* item = static_cast<WORK_ITEM*>(malloc(sizeof(WORK_ITEM)));
-    OmkFill(item, sizeof(WORK_ITEM));
-    ++g_allocCount;
-    item->kind = kind;
-    item->next = nullptr;
-    return item;
-}
-
-// A rule item as the COM object builds it, with two one-element arrays.
+// A rule item with one (empty) data item.
 WORK_ITEM* RuleItem(const std::wstring& plugin, const std::wstring& guid) {
-    WORK_ITEM* item = NewItem(WORK_RULE_TRIGGERED);
-    memset(&item->u, 0, sizeof(item->u));
-    auto& rule = item->u.ruleTriggered;
-    rule.ruleGuid = CountedCopy(guid.c_str());
-    rule.rulePluginId = CountedCopy(plugin.c_str());
-    rule.dataItemsEnclosingXmlTag = CountedCopy(L"Data");
-    rule.numDataItems = 1;
-    rule.dataItemName = SafeArrayCreateVector(VT_BSTR, 0, 1);
-    rule.dataItemVal = SafeArrayCreateVector(VT_BSTR, 0, 1);
-    return item;
+    return omktest::RuleTriggeredItem(plugin.c_str(), guid.c_str(), L"Data", {L""}, {L""});
 }
 
 WORK_ITEM* PeriodicItem(unsigned int dataLen) {
-    WORK_ITEM* item = NewItem(WORK_PERIODIC_DATA);
+    WORK_ITEM* item = omktest::NewWorkItem(WORK_PERIODIC_DATA);
     item->u.periodicData.code = 7;
     item->u.periodicData.subCode = 8;
     item->u.periodicData.timeStamp = 9;
@@ -190,7 +163,7 @@ TEST_F(EngineQueue, ExitWinsOverWorkAndLeavesQueuedItemsUnhandledButFreed) {
     TraceMonitor traces;
     for (int i = 0; i < 3; ++i) AddToWorkQueue(RuleItem(L"late", std::to_wstring(i)));
     AddToWorkQueue(PeriodicItem(0));
-    AddToWorkQueue(NewItem(WORK_SUMMARY_CREATED));
+    AddToWorkQueue(omktest::NewWorkItem(WORK_SUMMARY_CREATED));
     ASSERT_EQ(0u, StartTolvaneThread());
     SetEvent(g_TolvaneThreadExitEvent);
     SetEvent(g_TolvaneEvent);
@@ -240,7 +213,7 @@ TEST_F(EngineQueue, StartGivesUpAfter5sWhenTheThreadDoesNotSignal) {
 
 TEST_F(EngineQueue, FreeingReleasesEverythingButThePeriodicDataBuffer) {
     ASSERT_EQ(0u, StartTolvaneThread());
-    AddToWorkQueue(NewItem(WORK_SUMMARY_CREATED));
+    AddToWorkQueue(omktest::NewWorkItem(WORK_SUMMARY_CREATED));
     AddToWorkQueue(RuleItem(L"plugin", L"{guid}"));
     AddToWorkQueue(PeriodicItem(0));
     AddToWorkQueue(PeriodicItem(32));
@@ -258,7 +231,7 @@ TEST_F(EngineQueue, MisuseIsReportedAndLosesNothingElse) {
     omktest::DeleteWorkQueueLock();
     ErrorLog log(L"workQueue_test_misuse.txt");
     AddToWorkQueue(nullptr);
-    WORK_ITEM* item = NewItem(WORK_SUMMARY_CREATED);
+    WORK_ITEM* item = omktest::NewWorkItem(WORK_SUMMARY_CREATED);
     AddToWorkQueue(item);
     EXPECT_EQ(nullptr, g_workQueue);
     EXPECT_EQ(nullptr, RemoveFromWorkQueue());

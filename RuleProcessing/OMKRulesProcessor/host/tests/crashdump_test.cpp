@@ -13,7 +13,6 @@
 #include "installedService.h"
 #include "testPlugins.h"
 #include "testSupport.h"
-#include "tolvane.h"
 
 namespace {
 
@@ -60,11 +59,9 @@ TEST(CrashDump, AccessViolationInARulePluginOnTheEngineThread) {
     HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, service.ProcessId());
     ASSERT_NE(nullptr, process);
 
-    ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_MULTITHREADED));
-    ITolvane* tolvane = nullptr;
-    ASSERT_EQ(S_OK, CoCreateInstance(CLSID_Tolvane, nullptr, CLSCTX_LOCAL_SERVER, IID_ITolvane,
-                                     reinterpret_cast<void**>(&tolvane)));
-    EXPECT_EQ(S_OK, tolvane->Tolvane_SummaryCreated());
+    svctest::Collector collector;
+    ASSERT_EQ(S_OK, collector.Connect());
+    EXPECT_EQ(S_OK, collector.SummaryCreated());
 
     // The dump of a whole process takes Wine several seconds.
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(process, 90000)) << "the crashed process ends";
@@ -91,9 +88,7 @@ TEST(CrashDump, AccessViolationInARulePluginOnTheEngineThread) {
     DeleteFileW(dump.c_str());
 
     // The proxy's server is gone: no call may hang or crash the collector.
-    EXPECT_TRUE(FAILED(tolvane->Tolvane_SummaryCreated()));
-    tolvane->Release();
-    CoUninitialize();
+    EXPECT_TRUE(FAILED(collector.SummaryCreated()));
 }
 
 }  // namespace

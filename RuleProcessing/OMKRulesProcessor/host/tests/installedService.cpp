@@ -1,5 +1,9 @@
 #include "installedService.h"
 
+#include <oleauto.h>
+
+#include <functional>
+
 #include "sqlite3.h"
 #include "systemIdentity.h"
 #include "testSupport.h"
@@ -20,14 +24,6 @@ std::vector<std::wstring> ErrorLogs() {
 }
 
 }  // namespace
-
-bool WaitFor(const std::function<bool()>& done, DWORD timeoutMs) {
-    for (DWORD waited = 0; waited < timeoutMs; waited += 100) {
-        if (done()) return true;
-        Sleep(100);
-    }
-    return done();
-}
 
 DWORD RunInstaller(const wchar_t* action, const std::wstring& folder) {
     return omktest::RunProcess(L"cmd /c \"\"" + omktest::ProgramFolder() + L"\\omkInstall.cmd\" " + action + L" " +
@@ -103,7 +99,7 @@ SERVICE_STATUS InstalledService::Status() const {
 }
 
 bool InstalledService::WaitForState(DWORD state, DWORD timeoutMs) const {
-    return WaitFor([&] { return Status().dwCurrentState == state; }, timeoutMs);
+    return omktest::WaitFor([&] { return Status().dwCurrentState == state; }, timeoutMs);
 }
 
 bool InstalledService::Start() { return StartServiceW(service_, 0, nullptr) != FALSE; }
@@ -138,5 +134,36 @@ std::string InstalledService::LogSince() const {
     }
     return since;
 }
+
+Collector::Collector() { initialised_ = SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)); }
+
+Collector::~Collector() {
+    Release();
+    if (initialised_) CoUninitialize();
+}
+
+HRESULT Collector::Connect() {
+    Release();
+    return CoCreateInstance(CLSID_Tolvane, nullptr, CLSCTX_LOCAL_SERVER, IID_ITolvane,
+                            reinterpret_cast<void**>(&tolvane_));
+}
+
+void Collector::Release() {
+    if (tolvane_ != nullptr) tolvane_->Release();
+    tolvane_ = nullptr;
+}
+
+HRESULT Collector::RuleTriggered(const wchar_t* guid, const wchar_t* tag, const wchar_t* name, const wchar_t* value) {
+    SAFEARRAY* names = omktest::BstrArray({name});
+    SAFEARRAY* values = omktest::BstrArray({value});
+    BSTR texts[] = {SysAllocString(kCollectorPluginId), SysAllocString(guid), SysAllocString(tag)};
+    HRESULT hr = tolvane_->Tolvane_RuleTriggered(texts[0], texts[1], texts[2], names, values);
+    for (BSTR text : texts) SysFreeString(text);
+    SafeArrayDestroy(names);
+    SafeArrayDestroy(values);
+    return hr;
+}
+
+HRESULT Collector::SummaryCreated() { return tolvane_->Tolvane_SummaryCreated(); }
 
 }  // namespace svctest

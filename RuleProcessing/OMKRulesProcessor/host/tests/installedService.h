@@ -5,7 +5,8 @@
 
 #include <windows.h>
 
-#include <functional>
+#include "tolvane.h"
+
 #include <string>
 #include <vector>
 
@@ -15,9 +16,6 @@ extern const wchar_t kServiceName[];
 // The sample rule file's battery rule, reported by the product's collector rule plugin.
 extern const wchar_t kBatteryRuleGuid[];
 extern const wchar_t kCollectorPluginId[];
-
-// Polls `done` every 100 ms for at most `timeoutMs`.
-bool WaitFor(const std::function<bool()>& done, DWORD timeoutMs);
 
 // omkInstall.cmd install|uninstall into `folder`; its exit code.
 DWORD RunInstaller(const wchar_t* action, const std::wstring& folder);
@@ -61,6 +59,27 @@ private:
     SC_HANDLE manager_ = nullptr;
     SC_HANDLE service_ = nullptr;
     std::vector<size_t> logStarts_;
+};
+
+// A collector: an ITolvane proxy of the service in this thread's
+// multithreaded apartment.
+class Collector {
+public:
+    Collector();
+    ~Collector();
+    Collector(const Collector&) = delete;
+    Collector& operator=(const Collector&) = delete;
+
+    // CoCreateInstance of the class (which starts a stopped service).
+    HRESULT Connect();
+    void Release();
+    // Tolvane_RuleTriggered for the collector rule plugin with one name=value data item.
+    HRESULT RuleTriggered(const wchar_t* guid, const wchar_t* tag, const wchar_t* name, const wchar_t* value);
+    HRESULT SummaryCreated();
+
+private:
+    bool initialised_ = false;
+    ITolvane* tolvane_ = nullptr;
 };
 
 }  // namespace svctest

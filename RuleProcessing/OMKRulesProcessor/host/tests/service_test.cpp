@@ -7,7 +7,6 @@
 #include <windows.h>
 
 #include <gtest/gtest.h>
-#include <oleauto.h>
 
 #include <string>
 #include <vector>
@@ -15,10 +14,10 @@
 #include "installedService.h"
 #include "testPlugins.h"
 #include "testSupport.h"
-#include "tolvane.h"
 
 namespace {
 
+using svctest::Collector;
 using svctest::InstalledService;
 
 // Short, because the plugin loaders read at most 129 characters of a path.
@@ -28,42 +27,6 @@ const wchar_t kSetupStateKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\
 const wchar_t kAlertStoredEvent[] = L"Global\\{3F1C2A7E-5B44-4C19-9E0A-71D2B6C8E405}";
 
 bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-// A collector's ITolvane proxy in this thread's multithreaded apartment.
-class Collector {
-public:
-    Collector() { initialised_ = SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)); }
-    ~Collector() {
-        Release();
-        if (initialised_) CoUninitialize();
-    }
-    Collector(const Collector&) = delete;
-    Collector& operator=(const Collector&) = delete;
-
-    HRESULT Connect() {
-        return CoCreateInstance(CLSID_Tolvane, nullptr, CLSCTX_LOCAL_SERVER, IID_ITolvane,
-                                reinterpret_cast<void**>(&tolvane_));
-    }
-    void Release() {
-        if (tolvane_ != nullptr) tolvane_->Release();
-        tolvane_ = nullptr;
-    }
-    // Tolvane_RuleTriggered with one name=value data item.
-    HRESULT RuleTriggered(const wchar_t* guid, const wchar_t* tag, const wchar_t* name, const wchar_t* value) {
-        SAFEARRAY* names = omktest::BstrArray({name});
-        SAFEARRAY* values = omktest::BstrArray({value});
-        BSTR texts[] = {SysAllocString(svctest::kCollectorPluginId), SysAllocString(guid), SysAllocString(tag)};
-        HRESULT hr = tolvane_->Tolvane_RuleTriggered(texts[0], texts[1], texts[2], names, values);
-        for (BSTR text : texts) SysFreeString(text);
-        SafeArrayDestroy(names);
-        SafeArrayDestroy(values);
-        return hr;
-    }
-
-private:
-    bool initialised_ = false;
-    ITolvane* tolvane_ = nullptr;
-};
 
 class Service : public ::testing::Test {
 protected:
@@ -246,7 +209,7 @@ TEST_F(Service, InstalledProductFromCollectorToolToUninstall) {
                                       L"{6b1d2c3a-8e4f-4a51-9c7d-0e2f3a4b5c61} --tag Battery DesignCapacity=52000 " +
                                       L"FullChargeCapacity=29120"));
     EXPECT_NE(0u, omktest::RunProcess(send + L"rule --plugin OMKCollectorRules")) << "a rule event needs its GUID";
-    ASSERT_TRUE(svctest::WaitFor([&] { return !svctest::AlertsStoredAfter(latest).empty(); }, 30000));
+    ASSERT_TRUE(omktest::WaitFor([&] { return !svctest::AlertsStoredAfter(latest).empty(); }, 30000));
     std::string alert = svctest::AlertsStoredAfter(latest).back();
     EXPECT_TRUE(Contains(alert, "29120")) << alert;
     EXPECT_TRUE(Contains(alert, "Battery capacity is degraded")) << alert;

@@ -14,6 +14,7 @@
 #include "alertDatabase.h"
 #include "cdef.h"
 #include "conventions.h"
+#include "engineTestSupport.h"
 #include "eventHandling.h"
 #include "omkDb.h"
 #include "testPlugins.h"
@@ -30,48 +31,6 @@ const std::wstring kInstallFolder = L"C:\\omkeng";
 const wchar_t kCollectorKey[] = L"SYSTEM\\CurrentControlSet\\Services\\OMKCollectorSvcApi";
 const wchar_t kGuid1[] = L"{11111111-2222-3333-4444-555555555555}";
 const wchar_t kGuid2[] = L"{AAAAAAAA-BBBB-CCCC-DDDD-EEEEEEEEEEEE}";
-
-bool WaitFor(const std::function<bool()>& done, DWORD timeoutMs = 20000) {
-    for (DWORD waited = 0; waited < timeoutMs; waited += 50) {
-        if (done()) return true;
-        Sleep(50);
-    }
-    return done();
-}
-
-wchar_t* CopyCounted(const wchar_t* text) {
-    size_t chars = wcslen(text) + 1;
-    auto* copy = static_cast<wchar_t*>(malloc(chars * sizeof(wchar_t)));
-    OmkFill(copy, chars * sizeof(wchar_t));
-    ++g_allocCount;
-    wcscpy_s(copy, chars, text);
-    return copy;
-}
-
-WORK_ITEM* NewItem(unsigned int kind) {
-    auto* item = static_cast<WORK_ITEM*>(malloc(sizeof(WORK_ITEM)));
-    OmkFill(item, sizeof(WORK_ITEM));
-    ++g_allocCount;
-    item->kind = kind;
-    item->next = nullptr;
-    return item;
-}
-
-// What a collector's Tolvane_RuleTriggered queues.
-WORK_ITEM* RuleTriggered(const wchar_t* pluginId, const wchar_t* guid, const wchar_t* tag = nullptr,
-                         const std::vector<std::wstring>& names = {}, const std::vector<std::wstring>& values = {}) {
-    WORK_ITEM* item = NewItem(WORK_RULE_TRIGGERED);
-    memset(&item->u, 0, sizeof(item->u.ruleTriggered));
-    item->u.ruleTriggered.rulePluginId = CopyCounted(pluginId);
-    item->u.ruleTriggered.ruleGuid = CopyCounted(guid);
-    if (!names.empty()) {
-        item->u.ruleTriggered.dataItemsEnclosingXmlTag = tag != nullptr ? CopyCounted(tag) : nullptr;
-        item->u.ruleTriggered.numDataItems = static_cast<unsigned int>(names.size());
-        item->u.ruleTriggered.dataItemName = omktest::BstrArray(names);
-        item->u.ruleTriggered.dataItemVal = omktest::BstrArray(values);
-    }
-    return item;
-}
 
 std::string Rule(const std::string& attributes, const std::wstring& guid, const std::string& children) {
     return "<Rule " + attributes + "><Name>rule " + omktest::ToUtf8(guid) + "</Name><Descr>d</Descr><RuleGuid>" +
@@ -147,12 +106,12 @@ protected:
     // Waits until the action plugins have closed `events` evaluation passes; the
     // store of the last one may still be under way.
     bool WaitForEvents(size_t events) {
-        return WaitFor([&] {
+        return omktest::WaitFor([&] {
             size_t ends = 0;
             for (const auto& call : Calls())
                 if (call.function == "Action_EndEvaluation" && call.module == "actA.dll") ++ends;
             return ends >= events;
-        });
+        }, 20000);
     }
 
     std::vector<std::wstring> AlertFiles() const {
@@ -208,7 +167,7 @@ TEST_F(Engine, TriggeredRuleEventIsStoredAndSignalled) {
     ASSERT_NE(nullptr, alertEvent) << "everyone may wait on the alert-generated event";
 
     // Plugin id and GUID in other letter case still name the rule.
-    AddToWorkQueue(RuleTriggered(L"RULEA", L"{11111111-2222-3333-4444-555555555555}", L"Battery",
+    AddToWorkQueue(omktest::RuleTriggeredItem(L"RULEA", L"{11111111-2222-3333-4444-555555555555}", L"Battery",
                                  {L"Design", L"Full"}, {L"52000", L"29000"}));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(alertEvent, 20000));
     CloseHandle(alertEvent);
@@ -243,7 +202,7 @@ TEST_F(Engine, PluginCallOrderOnASummaryEvent) {
                Rule("OnSummary=\"1\" Type=\"NoSuchPlugin\"", L"{33333333-0000-0000-0000-000000000000}",
                     "<Action Type=\"actB\" Which=\"pluginless\"/>"));
     ASSERT_EQ(0u, Start()) << log_.Since();
-    WORK_ITEM* item = NewItem(WORK_SUMMARY_CREATED);
+    WORK_ITEM* item = omktest::NewWorkItem(WORK_SUMMARY_CREATED);
     AddToWorkQueue(item);
     ASSERT_TRUE(WaitForEvents(1));
 
@@ -268,7 +227,7 @@ TEST_F(Engine, PluginCallOrderOnASummaryEvent) {
 TEST_F(Engine, PeriodicDataReachesThePluginThroughTheRule) {
     WriteRules(Rule("OnPeriodicData=\"1\" Type=\"ruleA\" TestTriggeredResult=\"1\"", kGuid1, ""));
     ASSERT_EQ(0u, Start()) << log_.Since();
-    WORK_ITEM* item = NewItem(WORK_PERIODIC_DATA);
+    WORK_ITEM* item = omktest::NewWorkItem(WORK_PERIODIC_DATA);
     item->u.periodicData.code = 4097;
     item->u.periodicData.subCode = 7;
     item->u.periodicData.timeStamp = 0x0102030405060708ULL;
@@ -299,8 +258,8 @@ TEST_F(Engine, MaxTriggerPerBootAndActionResults) {
                "<CreateXmls>0</CreateXmls>");
     actB_.Set(L"EndEvaluationResult", 7);
     ASSERT_EQ(0u, Start()) << log_.Since();
-    AddToWorkQueue(RuleTriggered(L"ruleA", kGuid1));
-    AddToWorkQueue(RuleTriggered(L"ruleA", kGuid1));
+    AddToWorkQueue(omktest::RuleTriggeredItem(L"ruleA", kGuid1));
+    AddToWorkQueue(omktest::RuleTriggeredItem(L"ruleA", kGuid1));
     ASSERT_TRUE(WaitForEvents(2));
     Stop();
 
@@ -363,8 +322,8 @@ TEST_F(Engine, AnAlertThatIsNotXmlStaysUnstoredAndHandlingGoesOn) {
     WriteRules(Rule("Type=\"ruleA\"", kGuid1, "<Action Type=\"actA\"/>"));
     ASSERT_EQ(0u, Start()) << log_.Since();
     // Values are written unescaped: this one makes the alert file malformed.
-    AddToWorkQueue(RuleTriggered(L"ruleA", kGuid1, L"T", {L"n"}, {L"a < b & c"}));
-    AddToWorkQueue(RuleTriggered(L"ruleA", kGuid1, L"T", {L"n"}, {L"fine"}));
+    AddToWorkQueue(omktest::RuleTriggeredItem(L"ruleA", kGuid1, L"T", {L"n"}, {L"a < b & c"}));
+    AddToWorkQueue(omktest::RuleTriggeredItem(L"ruleA", kGuid1, L"T", {L"n"}, {L"fine"}));
     ASSERT_TRUE(WaitForEvents(2)) << "handling goes on with the next event";
     Stop();  // the engine thread finishes the event under way, store included
 
