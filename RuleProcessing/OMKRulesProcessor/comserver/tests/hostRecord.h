@@ -20,7 +20,7 @@ inline std::string RecordText(const wchar_t* text) {
     std::string out = "\"";
     for (const wchar_t* p = text; *p != L'\0'; ++p) {
         wchar_t c = *p;
-        if (c > 0x20 && c < 0x7F && c != L'\\' && c != L'"' && c != L',' && c != L'[' && c != L']' && c != L'=') {
+        if (c > 0x20 && c < 0x7F && wcschr(L"\\\",[]=", c) == nullptr) {
             out += static_cast<char>(c);
         } else {
             char escaped[8];
@@ -31,30 +31,18 @@ inline std::string RecordText(const wchar_t* text) {
     return out + "\"";
 }
 
-// "~" for null; a one-dimensional array of BSTR as [vt=8:"a","b"]; any
-// other array as [vt=<type>;dims=<n>;count=<elements of the last dimension>].
+// "~" for null, else the BSTR elements of a one-dimensional array as ["a","b"].
 inline std::string RecordArray(SAFEARRAY* array) {
     if (array == nullptr) return "~";
-    VARTYPE type = VT_EMPTY;
-    SafeArrayGetVartype(array, &type);
-    UINT dims = SafeArrayGetDim(array);
     LONG lower = 0;
     LONG upper = -1;
-    SafeArrayGetLBound(array, dims, &lower);
-    SafeArrayGetUBound(array, dims, &upper);
-    std::string out = "[vt=" + std::to_string(type);
-    if (type != VT_BSTR || dims != 1) {
-        return out + ";dims=" + std::to_string(dims) + ";count=" + std::to_string(upper - lower + 1) + "]";
-    }
-    out += ":";
+    SafeArrayGetLBound(array, 1, &lower);
+    SafeArrayGetUBound(array, 1, &upper);
+    std::string out = "[";
     for (LONG i = lower; i <= upper; ++i) {
         BSTR element = nullptr;
-        if (FAILED(SafeArrayGetElement(array, &i, &element))) {
-            out += "?";
-        } else {
-            out += RecordText(element);
-            SysFreeString(element);
-        }
+        out += SUCCEEDED(SafeArrayGetElement(array, &i, &element)) ? RecordText(element) : "?";
+        SysFreeString(element);
         if (i < upper) out += ",";
     }
     return out + "]";
@@ -63,12 +51,11 @@ inline std::string RecordArray(SAFEARRAY* array) {
 // "~" for null, else the bytes in lower-case hex.
 inline std::string RecordBytes(const unsigned char* bytes, unsigned int length) {
     if (bytes == nullptr) return "~";
-    static const char kHex[] = "0123456789abcdef";
     std::string out;
-    out.reserve(length * 2);
     for (unsigned int i = 0; i < length; ++i) {
-        out += kHex[bytes[i] >> 4];
-        out += kHex[bytes[i] & 15];
+        char hex[4];
+        snprintf(hex, sizeof(hex), "%02x", bytes[i]);
+        out += hex;
     }
     return out;
 }

@@ -2,14 +2,15 @@
 // server thread and engine thread over the real queue), with a
 // Tolvane_HandleEvents that writes each item it is given to a record file.
 //
-//   tolvaneTestHost <name> <record file> <error log name> [engine-later]
+//   tolvaneTestHost <name> <record file> <error log name>
 //
 // The test drives it through the manual-reset events Local\<name>.ready (set
-// by the host once it serves), .engine (start the engine thread, with
-// engine-later) and .stop (stop as the service does: engine, then COM server).
-// Started by COM from its LocalServer32 registration ("-Embedding"), it runs
-// under the name tolvaneTestHost-embedded, recording into
-// %TEMP%\tolvaneTestHost-embedded.txt. As a Windows service:
+// by the host once it serves), .stop (stop as the service does: engine, then
+// COM server, then record "stopped") and .exit (end the process). Its main
+// thread stays in the multithreaded apartment throughout, as other threads of
+// the service may. Started by COM from its LocalServer32 registration
+// ("-Embedding"), it runs under the name tolvaneTestHost-embedded, recording
+// into %TEMP%\tolvaneTestHost-embedded.txt. As a Windows service:
 //
 //   tolvaneTestHost service <service name> <record file> <error log name>
 //
@@ -21,7 +22,6 @@
 
 #include "comServer.h"
 #include "conventions.h"
-#include "engineTestSupport.h"
 #include "hostRecord.h"
 #include "omkErrors.h"
 #include "workQueue.h"
@@ -58,8 +58,7 @@ HANDLE HostEvent(const std::wstring& name, const wchar_t* which) {
 
 void Tolvane_HandleEvents(WORK_ITEM* item) {
     using namespace hostrecord;
-    std::string line = "item tid=" + std::to_string(GetCurrentThreadId()) + " alloc=" + std::to_string(g_allocCount) +
-                       " kind=" + std::to_string(item->kind);
+    std::string line = "item kind=" + std::to_string(item->kind);
     if (item->kind == WORK_SUMMARY_CREATED) {
         line += " fill=" + FillState(item, offsetof(WORK_ITEM, u), sizeof(WORK_ITEM));
     } else if (item->kind == WORK_RULE_TRIGGERED) {
@@ -83,7 +82,7 @@ struct HostOptions {
     std::wstring name;
     std::wstring recordPath;
     std::wstring logName;
-    bool engineLater = false;
+    bool lingers = false;  // waits for .exit after stopping
 };
 
 HostOptions g_options;
@@ -105,41 +104,30 @@ int RunHost(const HostOptions& options) {
                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, CREATE_ALWAYS, 0, nullptr);
     if (g_record == INVALID_HANDLE_VALUE) return 2;
     HANDLE ready = HostEvent(options.name, L"ready");
-    HANDLE engine = HostEvent(options.name, L"engine");
     HANDLE stop = HostEvent(options.name, L"stop");
+    HANDLE exit = HostEvent(options.name, L"exit");
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
 
-    // What engine start-up does before anything can be queued.
-    omktest::InitWorkQueueLock();
+    InitWorkQueueLock();
     DWORD error = StartComServerThread();
     if (error != 0) {
         WriteRecord("failed com=" + std::to_string(error));
         return 3;
     }
-    if (!options.engineLater) {
-        error = StartTolvaneThread();
-        WriteRecord("engine tid=" + std::to_string(g_TolvaneThreadId) + " start=" + std::to_string(error));
-    }
-    WriteRecord("host pid=" + std::to_string(GetCurrentProcessId()) + " com=" + std::to_string(g_ComServerThreadId));
+    error = StartTolvaneThread();
+    WriteRecord("engine tid=" + std::to_string(g_TolvaneThreadId) + " start=" + std::to_string(error));
+    WriteRecord("host pid=" + std::to_string(GetCurrentProcessId()));
     if (g_serviceStatus != nullptr) ReportServiceState(SERVICE_RUNNING);
     SetEvent(ready);
-
-    const HANDLE startOrStop[2] = {engine, stop};
-    if (options.engineLater && WaitForMultipleObjects(2, startOrStop, FALSE, kLifetimeMs) == WAIT_OBJECT_0) {
-        error = StartTolvaneThread();
-        WriteRecord("engine tid=" + std::to_string(g_TolvaneThreadId) + " start=" + std::to_string(error));
-    }
     if (WaitForSingleObject(stop, kLifetimeMs) != WAIT_OBJECT_0) WriteRecord("lifetime over");
 
     // The service's order: engine teardown first, then the COM server.
-    DWORD start = GetTickCount();
     StopTolvaneThread();
-    omktest::DeleteWorkQueueLock();
-    DWORD engineMs = GetTickCount() - start;
-    start = GetTickCount();
+    DeleteWorkQueueLock();
     StopComServerThread();
-    DWORD comMs = GetTickCount() - start;
-    WriteRecord("stopped engine=" + std::to_string(engineMs) + " com=" + std::to_string(comMs) +
-                " alloc=" + std::to_string(g_allocCount));
+    WriteRecord("stopped alloc=" + std::to_string(g_allocCount));
+    if (options.lingers) WaitForSingleObject(exit, kLifetimeMs);
+    CoUninitialize();
     CloseHandle(g_record);
     return 0;
 }
@@ -179,7 +167,7 @@ int wmain(int argc, wchar_t** argv) {
         SERVICE_TABLE_ENTRYW services[] = {{&g_options.name[0], ServiceMain}, {nullptr, nullptr}};
         return StartServiceCtrlDispatcherW(services) ? 0 : static_cast<int>(GetLastError());
     }
-    if (argc < 4) return 87;
-    g_options = HostOptions{argv[1], argv[2], argv[3], argc > 4 && wcscmp(argv[4], L"engine-later") == 0};
+    if (argc != 4) return 87;
+    g_options = HostOptions{argv[1], argv[2], argv[3], true};
     return RunHost(g_options);
 }
