@@ -76,6 +76,8 @@ public:
     // Tolvane_RuleTriggered for the collector rule plugin with one name=value data item.
     HRESULT RuleTriggered(const wchar_t* guid, const wchar_t* tag, const wchar_t* name, const wchar_t* value);
     HRESULT SummaryCreated();
+    // The proxy itself, for calls of any shape; null before Connect.
+    ITolvane* Get() const { return tolvane_; }
 
 private:
     bool initialised_ = false;

@@ -1,13 +1,13 @@
 // The installed service under the real service manager: start and stop with
-// the states it reports, controls, the instance and argument guards, the setup
-// state in its log, a rule file that does not parse, stops with queued events
-// and with a client holding its reference, a collector's event from COM
-// activation of the stopped service to the stored alert, and the installed
-// product's road from the collector tool to uninstallation.
+// the states it reports, controls, the instance and argument guards, hostile
+// collector calls from COM activation on, an event that arrives while the
+// engine starts, an engine too slow to stop, a rule file that does not parse,
+// and the installed product's road from the collector tool to uninstallation.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,8 +23,10 @@ using svctest::InstalledService;
 // Short, because the plugin loaders read at most 129 characters of a path.
 const std::wstring kInstall = L"C:\\omksvc";
 const std::wstring kServiceExe = kInstall + L"\\OMKRulesProcessor.exe";
+const std::wstring kRules = kInstall + L"\\insvcAlerts.xml";
 const wchar_t kSetupStateKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Setup\\State";
-const wchar_t kAlertStoredEvent[] = L"Global\\{3F1C2A7E-5B44-4C19-9E0A-71D2B6C8E405}";
+// The sample rule file's disk rule, which has no limit per boot.
+const wchar_t kDiskRuleGuid[] = L"{0C4E8A21-5F6B-4D7C-8E9F-1A2B3C4D5E62}";
 
 bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
@@ -37,12 +39,19 @@ protected:
     }
     static void TearDownTestSuite() { svctest::RunInstaller(L"uninstall", kInstall); }
 
-    void SetUp() override { ASSERT_TRUE(service_.IsOpen()) << GetLastError(); }
-    void TearDown() override { service_.StopAndWait(); }
+    void SetUp() override {
+        ASSERT_TRUE(service_.IsOpen()) << GetLastError();
+        rules_ = omktest::ReadFileBytes(kRules);
+    }
+    void TearDown() override {
+        service_.StopAndWait();
+        omktest::WriteFileBytes(kRules, rules_);
+    }
 
     std::string LogSince() const { return service_.LogSince(); }
 
     InstalledService service_;
+    std::string rules_;
 };
 
 TEST_F(Service, StartsAndStopsWithTheStatesItReports) {
@@ -90,102 +99,162 @@ TEST_F(Service, StartsAndStopsWithTheStatesItReports) {
     EXPECT_FALSE(Contains(log, "Setup State")) << log;
 }
 
-TEST_F(Service, AnUnfinishedSetupStateIsLoggedAndTheServiceStartsAnyway) {
-    omktest::ScopedRegKey state(HKEY_LOCAL_MACHINE, kSetupStateKey);
-    state.SetString(L"ImageState", L"IMAGE_STATE_UNDEPLOYABLE");
-    ASSERT_TRUE(service_.Start()) << GetLastError();
-    EXPECT_TRUE(service_.WaitForState(SERVICE_RUNNING)) << LogSince();
-    EXPECT_TRUE(Contains(LogSince(), "OMKRulesProcessor: Windows Setup State IMAGE_STATE_UNDEPLOYABLE.")) << LogSince();
+// Owns a BSTR or a SAFEARRAY for the table below.
+struct Bstr {
+    BSTR b;
+    explicit Bstr(const std::wstring& text) : b(SysAllocStringLen(text.data(), static_cast<UINT>(text.size()))) {}
+    ~Bstr() { SysFreeString(b); }
+};
+struct Array {
+    SAFEARRAY* a;
+    ~Array() { SafeArrayDestroy(a); }
+};
+
+SAFEARRAY* Vector(VARTYPE type, ULONG count) {
+    return SafeArrayCreateVector(type, 0, count);
 }
 
-TEST_F(Service, CollectorStartsTheStoppedServiceAndItsEventIsStored) {
+// What any local process may send. Refused calls answer E_INVALIDARG with
+// their message and queue nothing; accepted ones are handled; the service
+// lives through all of them and still stores the alert of a well-formed call.
+TEST_F(Service, HostileCallsAreRefusedOrSurvived) {
+    // Started by COM activation, with a setup state short of complete (logged).
+    omktest::ScopedRegKey state(HKEY_LOCAL_MACHINE, kSetupStateKey);
+    state.SetString(L"ImageState", L"IMAGE_STATE_UNDEPLOYABLE");
     ASSERT_EQ(static_cast<DWORD>(SERVICE_STOPPED), service_.Status().dwCurrentState);
     const ULONGLONG latest = svctest::LatestAlertTime();
     Collector collector;
-    ASSERT_EQ(S_OK, collector.Connect()) << "COM activation starts the service";
+    ASSERT_EQ(S_OK, collector.Connect());
+    ASSERT_TRUE(service_.WaitForState(SERVICE_RUNNING));
+    EXPECT_TRUE(Contains(LogSince(), "OMKRulesProcessor: Windows Setup State IMAGE_STATE_UNDEPLOYABLE.")) << LogSince();
+    const DWORD process = service_.ProcessId();
+
+    ITolvane* tolvane = collector.Get();
+    const std::wstring mega(1000000, L'M');
+    Bstr plugin(svctest::kCollectorPluginId), guid(kDiskRuleGuid), tag(L"Disk"), format(L"%s%n%ls%n"),
+        megaText(mega);
+    Array two{omktest::BstrArray({L"a", L"b"})}, one{omktest::BstrArray({L"a"})}, longs{Vector(VT_I4, 2)},
+        variants{Vector(VT_VARIANT, 2)}, bytes{Vector(VT_UI1, 2)}, empty{omktest::BstrArray({})},
+        noValues{omktest::BstrArray({})}, fromFive{omktest::BstrArray({L"x", L"y"}, 5)},
+        valuesFromFive{omktest::BstrArray({L"1", L"2"}, 5)},
+        oddNames{omktest::BstrArray({L"%s%n%ls", std::wstring(L"a\0b", 3), L"\xD800"})},
+        oddValues{omktest::BstrArray({L"%n%n%n%n", std::wstring(L"x\0y", 3), L"\xDC00z"})},
+        megaNames{omktest::BstrArray({mega})}, megaValues{omktest::BstrArray({mega})},
+        millionNames{omktest::BstrArray(std::vector<std::wstring>(1000000, L"n"))},
+        millionValues{omktest::BstrArray(std::vector<std::wstring>(1000000, L"v"))};
+    SAFEARRAYBOUND square[2] = {{2, 0}, {2, 0}};
+    Array squareNames{SafeArrayCreate(VT_BSTR, 2, square)}, squareBytes{SafeArrayCreate(VT_UI1, 2, square)};
+    auto rule = [&](BSTR ruleGuid, BSTR enclosing, SAFEARRAY* names, SAFEARRAY* values) {
+        return [=] { return tolvane->Tolvane_RuleTriggered(plugin.b, ruleGuid, enclosing, names, values); };
+    };
+    struct Case {
+        std::function<HRESULT()> call;
+        HRESULT result;
+        const char* message;  // logged by the call itself; "" for none
+    };
+    const Case cases[] = {
+        {rule(guid.b, tag.b, longs.a, two.a), E_INVALIDARG,
+         "Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemNames) vartype 3 not supported"},
+        {rule(guid.b, tag.b, two.a, variants.a), E_INVALIDARG,
+         "Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemVal) vartype 12 not supported"},
+        {rule(guid.b, tag.b, bytes.a, two.a), E_INVALIDARG,
+         "Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemNames) vartype 17 not supported"},
+        {rule(guid.b, tag.b, squareNames.a, two.a), E_INVALIDARG,
+         "Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemNames) dim 2 not supported"},
+        {rule(guid.b, tag.b, two.a, one.a), E_INVALIDARG, "Tolvane_RuleTriggered: numDataItem 2 != numDataVals 1"},
+        {rule(guid.b, tag.b, nullptr, two.a), E_INVALIDARG, ""},
+        {rule(nullptr, tag.b, two.a, two.a), S_OK, "OnRuleTriggered: null rulePluginId "},
+        {[&] { return tolvane->Tolvane_PeriodicDataGenerated(5, 6, 7, nullptr); }, E_INVALIDARG,
+         "CTolvane::Tolvane_PeriodicDataGenerated: LockPeriodicEntryData failed 0x80070057 (Code 0x5 SubCode 0x6)"},
+        {[&] { return tolvane->Tolvane_PeriodicDataGenerated(5, 6, 7, squareBytes.a); }, E_INVALIDARG,
+         "CTolvane::Tolvane_PeriodicDataGenerated: LockPeriodicEntryData failed 0x80070057 (Code 0x5 SubCode 0x6)"},
+        // Accepted: the disk rule fires for each, and the engine writes what it got.
+        {rule(guid.b, tag.b, empty.a, noValues.a), S_OK, ""},
+        {rule(guid.b, tag.b, fromFive.a, valuesFromFive.a), S_OK, ""},
+        {rule(guid.b, format.b, oddNames.a, oddValues.a), S_OK, ""},
+        {rule(guid.b, megaText.b, megaNames.a, megaValues.a), S_OK, ""},
+        {rule(guid.b, tag.b, millionNames.a, millionValues.a), S_OK, ""},
+        {[&] { return tolvane->Tolvane_PeriodicDataGenerated(4097, 1, 2, longs.a); }, S_OK, ""},
+    };
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
+        service_.MarkLogs();
+        EXPECT_EQ(cases[i].result, cases[i].call()) << "case " << i;
+        // Refused calls come first: nothing else is logging meanwhile.
+        if (cases[i].result != S_OK || cases[i].message[0] != '\0') {
+            const std::string log = LogSince();
+            EXPECT_TRUE(cases[i].message[0] == '\0' ? log.empty() : Contains(log, cases[i].message))
+                << "case " << i << ": " << log;
+        }
+    }
+
+    EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"4242"));
+    EXPECT_TRUE(omktest::WaitFor(
+        [&] {
+            for (const std::string& alert : svctest::AlertsStoredAfter(latest))
+                if (Contains(alert, "4242")) return true;
+            return false;
+        },
+        120000));
+    EXPECT_EQ(process, service_.ProcessId()) << "the same process served every call";
     EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), service_.Status().dwCurrentState);
-
-    HANDLE stored = OpenEventW(SYNCHRONIZE, FALSE, kAlertStoredEvent);
-    ASSERT_NE(nullptr, stored);
-    EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"812"));
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(stored, 30000)) << "the alert was stored and signalled";
-    CloseHandle(stored);
-    std::vector<std::string> alerts = svctest::AlertsStoredAfter(latest);
-    ASSERT_EQ(1u, alerts.size());
-    EXPECT_TRUE(Contains(alerts.back(), "812")) << alerts.back();
 }
 
-// The engine finishes the events it has taken, drops the rest, and the stop
-// still ends well within the stop's wait hint.
-TEST_F(Service, StopsWhileEventsAreQueued) {
-    Collector collector;
-    ASSERT_EQ(S_OK, collector.Connect());
+// A test rule plugin beside the product's: slow to initialise, so that a
+// collector's event arrives before the engine thread runs, and slow to
+// evaluate a summary, so that the engine thread outlives the stop's 10 s wait.
+TEST_F(Service, AnEventDuringStartUpIsHandledAndAnEngineTooSlowToStopKeepsItsPlugins) {
+    std::string rules = rules_;
+    rules.insert(rules.rfind("</Tolvane>"),
+                 "<Rule Enabled=\"1\" Platform=\"All\" OnSummary=\"1\" Type=\"ruleA\"><Name>slow</Name><Descr>d"
+                 "</Descr><RuleGuid>{0D1E2F30-4152-6374-8596-A7B8C9DAEBFC}</RuleGuid><AlertMsg>m</AlertMsg></Rule>");
+    ASSERT_TRUE(omktest::WriteFileBytes(kRules, rules));
+    omktest::TempFolder folder;
+    const std::wstring dll = folder.File(L"ruleA.dll");
+    const std::wstring callLog = folder.File(L"calls.txt");
+    ASSERT_TRUE(CopyFileW(omktest::BuiltFile(omktest::kTestRulePlugin).c_str(), dll.c_str(), FALSE));
+    omktest::ScopedRegKey key(HKEY_LOCAL_MACHINE, std::wstring(omktest::kRulePluginKey) + L"\\ruleA");
+    key.SetString(L"DllPath", dll);
+    omktest::TestPluginBehaviour ruleA(L"ruleA.dll");
+    ruleA.SetCallLog(callLog);
+    ruleA.Set(L"InitializeDelayMs", 1500);
+    ruleA.Set(L"TriggeredDelayMs", 60000);
+    auto calls = [&] { return omktest::CallSequence(omktest::ReadPluginCalls(callLog)); };
     const ULONGLONG latest = svctest::LatestAlertTime();
-    constexpr int kEvents = 4;  // the battery rule fires at most 5 times per start
-    for (int i = 0; i < kEvents; ++i) {
-        EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount",
-                                                std::to_wstring(900 + i).c_str()));
-    }
-    collector.Release();
-    const DWORD asked = GetTickCount();
-    SERVICE_STATUS status;
-    ASSERT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
-    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 12000)) << LogSince();
-    EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
-    const DWORD took = GetTickCount() - asked;
 
-    const size_t stored = svctest::AlertsStoredAfter(latest).size();
-    EXPECT_LE(stored, static_cast<size_t>(kEvents));
-    std::string log = LogSince();
-    EXPECT_FALSE(Contains(log, "err=258")) << "no wait ran out, stop took " << took << " ms\n" << log;
-    EXPECT_TRUE(Contains(log, "OMKRulesProcessor 1.0.0 has stopped.")) << log;
-}
-
-// More queued events than the engine thread's 10 s stop wait covers: the wait
-// runs out, the stop goes on and still ends within the stop's wait hint.
-TEST_F(Service, StopsWithinItsWaitHintWhateverIsQueued) {
     Collector collector;
     ASSERT_EQ(S_OK, collector.Connect());
-    for (int i = 0; i < 15; ++i) {
-        EXPECT_EQ(S_OK, collector.RuleTriggered(L"{00000000-1111-2222-3333-444444444444}", L"Battery", L"CycleCount",
-                                                std::to_wstring(900 + i).c_str()));
-    }
+    ASSERT_TRUE(omktest::WaitFor([&] { return calls().size() == 1; }, 30000)) << LogSince();
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_START_PENDING), service_.Status().dwCurrentState);
+    EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"701"));
+    EXPECT_TRUE(omktest::WaitFor([&] { return svctest::AlertsStoredAfter(latest).size() == 1; }, 20000))
+        << "handled once the engine runs, without a later call";
+
+    HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, service_.ProcessId());
+    EXPECT_EQ(S_OK, collector.SummaryCreated());
+    ASSERT_TRUE(omktest::WaitFor([&] { return calls().size() == 2; }, 20000)) << "the slow evaluation began";
+    EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"702"));
     collector.Release();
     SERVICE_STATUS status;
     ASSERT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
-    // The 12 s wait hint with some room for a loaded machine.
-    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 14000)) << LogSince();
+    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 20000)) << LogSince();
     EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
-    std::string log = LogSince();
+    EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), WaitForSingleObject(process, 10000));
+    CloseHandle(process);
+
+    const std::string log = LogSince();
     EXPECT_TRUE(Contains(log, "StopTolvaneThread(): WaitForSingleObject(g_TolvaneThreadHandle) err=258")) << log;
+    EXPECT_TRUE(Contains(log, "Tolvane_Term: engine thread still running, plugins left loaded")) << log;
     EXPECT_TRUE(Contains(log, "OMKRulesProcessor 1.0.0 has stopped.")) << log;
-}
-
-TEST_F(Service, AClientHoldingItsReferenceDelaysTheStopByTheDrainOnly) {
-    Collector collector;
-    ASSERT_EQ(S_OK, collector.Connect());
-    const DWORD asked = GetTickCount();
-    SERVICE_STATUS status;
-    ASSERT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
-    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 12000)) << LogSince();
-    const DWORD took = GetTickCount() - asked;
-    EXPECT_GE(took, 4500u) << "the server waits 5 s for client references";
-    EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
-    std::string log = LogSince();
-    EXPECT_TRUE(Contains(log, "ComServerThreadProc(): WaitForSingleObject(g_ComClassCleanupEvent) err=258")) << log;
-
-    // The proxy outlives the server: a call fails instead of reaching a destroyed object.
-    EXPECT_TRUE(FAILED(collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"1")));
+    EXPECT_EQ((std::vector<std::string>{"ruleA.dll Rule_Initialize", "ruleA.dll Rule_Triggered"}), calls())
+        << "no close entry point, no unloading, nothing after the time-out";
+    EXPECT_EQ(1u, svctest::AlertsStoredAfter(latest).size()) << "the event queued behind was dropped";
 }
 
 TEST_F(Service, ARuleFileThatDoesNotParseStopsTheServiceWithExitCode1) {
-    const std::wstring rules = kInstall + L"\\insvcAlerts.xml";
-    const std::string kept = omktest::ReadFileBytes(rules);
-    ASSERT_TRUE(omktest::WriteFileBytes(rules, "<Tolvane><Rule"));
+    ASSERT_TRUE(omktest::WriteFileBytes(kRules, "<Tolvane><Rule"));
     ASSERT_TRUE(service_.Start()) << GetLastError();
     EXPECT_TRUE(service_.WaitForState(SERVICE_STOPPED));
     EXPECT_EQ(1u, service_.Status().dwWin32ExitCode);
-    omktest::WriteFileBytes(rules, kept);
     std::string log = LogSince();
     EXPECT_TRUE(Contains(log, "Tolvane_Init: Tolvane_LoadRuleDefinitions failed - G_STATUS 0x7")) << log;
     EXPECT_TRUE(Contains(log, "ServiceMain(): Tolvane_Init() & CreateThread(TolvaneThreadProc) gStat=7")) << log;
@@ -234,6 +303,7 @@ TEST_F(Service, InstalledProductFromCollectorToolToUninstall) {
 
     // Back to installed for the tests after this one.
     ASSERT_EQ(0u, svctest::RunInstaller(L"install", kInstall));
+    rules_ = omktest::ReadFileBytes(kRules);
 }
 
 }  // namespace
