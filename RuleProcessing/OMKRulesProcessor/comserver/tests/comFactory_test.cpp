@@ -1,10 +1,18 @@
 // The class factory and the object as COM hands them to a caller in the
-// server's own apartment (the raw objects, no proxy), the server thread's
-// lifetime rules, and the type library this program carries as TYPELIB 1.
+// server's own apartment (the raw objects, no proxy): their rules, the items
+// their calls queue, the server thread's lifetime rules, and the type library
+// this program carries as TYPELIB 1.
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+
+#include <algorithm>
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "conventions.h"
 
 #include "comErrorMessage.h"
 #include "comServer.h"
@@ -97,6 +105,185 @@ TEST(ComServer, FactoryAndObjectFollowTheirCountingAndArgumentRules) {
             EXPECT_EQ(1u, traces.Count(line)) << line;
         }
     }
+}
+
+// The object of a running server; what its calls queue is taken from the
+// queue (no engine thread runs here).
+class Calls : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(0u, StartComServerThread());
+        IClassFactory* factory = RegisteredFactory();
+        ASSERT_NE(nullptr, factory);
+        ASSERT_EQ(S_OK, factory->CreateInstance(nullptr, IID_ITolvane, reinterpret_cast<void**>(&tolvane_)));
+        factory->Release();
+        allocBase_ = g_allocCount;
+    }
+    void TearDown() override {
+        if (tolvane_ != nullptr) tolvane_->Release();
+        StopComServerThread();
+    }
+    static std::vector<WORK_ITEM*> Queued() {
+        std::vector<WORK_ITEM*> items;
+        for (WORK_ITEM* item = RemoveFromWorkQueue(); item != nullptr; item = RemoveFromWorkQueue()) {
+            items.push_back(item);
+        }
+        return items;
+    }
+    ITolvane* tolvane_ = nullptr;
+    int allocBase_ = 0;
+};
+
+std::wstring Text(const wchar_t* text) {
+    return text == nullptr ? L"~" : L"'" + std::wstring(text) + L"'";
+}
+
+std::wstring Texts(SAFEARRAY* array) {
+    if (array == nullptr) return L"~";
+    LONG lower = 0;
+    LONG upper = -1;
+    SafeArrayGetLBound(array, 1, &lower);
+    SafeArrayGetUBound(array, 1, &upper);
+    std::wstring texts = L"[";
+    for (LONG i = lower; i <= upper; ++i) {
+        BSTR element = nullptr;
+        SafeArrayGetElement(array, &i, &element);
+        texts += (i > lower ? L"," : L"") + Text(element);
+        SysFreeString(element);
+    }
+    return texts + L"]";
+}
+
+// True when bytes [from, sizeof) of the item are all '$'.
+bool FilledFrom(const WORK_ITEM* item, size_t from) {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(item);
+    return std::all_of(bytes + from, bytes + sizeof(WORK_ITEM), [](unsigned char b) { return b == OMK_FILL_BYTE; });
+}
+
+// An item in one comparable line.
+std::wstring Describe(const WORK_ITEM* item) {
+    if (item->kind == WORK_RULE_TRIGGERED) {
+        const auto& rule = item->u.ruleTriggered;
+        return Text(rule.rulePluginId) + L" " + Text(rule.ruleGuid) + L" " + Text(rule.dataItemsEnclosingXmlTag) +
+               L" " + std::to_wstring(rule.numDataItems) + L" " + Texts(rule.dataItemName) + L" " +
+               Texts(rule.dataItemVal);
+    }
+    if (item->kind == WORK_PERIODIC_DATA) {
+        const auto& periodic = item->u.periodicData;
+        std::wstring data = periodic.data == nullptr ? L"~" : L"";
+        for (unsigned int i = 0; periodic.data != nullptr && i < periodic.dataLen; ++i) {
+            data += std::to_wstring(periodic.data[i]) + L".";
+        }
+        return std::to_wstring(periodic.code) + L" " + std::to_wstring(periodic.subCode) + L" " +
+               std::to_wstring(periodic.timeStamp) + L" " + std::to_wstring(periodic.dataLen) + L" " + data +
+               (FilledFrom(item, offsetof(WORK_ITEM, u.periodicData.unused)) ? L"" : L" tail not '$'");
+    }
+    return FilledFrom(item, offsetof(WORK_ITEM, u)) ? L"summary" : L"summary not '$'";
+}
+
+SAFEARRAY* Vector(VARTYPE type, const void* elements, ULONG count, ULONG elementBytes, LONG lowerBound = 0) {
+    SAFEARRAY* array = SafeArrayCreateVector(type, lowerBound, count);
+    void* data = nullptr;
+    SafeArrayAccessData(array, &data);
+    if (count != 0) memcpy(data, elements, count * elementBytes);
+    SafeArrayUnaccessData(array);
+    return array;
+}
+
+TEST_F(Calls, EachCallQueuesCopiesOfWhatItWasHanded) {
+    BSTR plugin = SysAllocString(L"plugin");
+    BSTR guid = SysAllocString(L"{guid}");
+    BSTR tag = SysAllocString(L"Data");
+    BSTR empty = SysAllocString(L"");
+    SAFEARRAY* two = omktest::BstrArray({L"a", L"b"});
+    SAFEARRAY* values = omktest::BstrArray({L"1", L"2"});
+    SAFEARRAY* none = omktest::BstrArray({});
+    SAFEARRAY* fromFive = omktest::BstrArray({L"x", L"\u00e9 ,\"\u4e2d"}, 5);
+    const unsigned char eight[] = {1, 2, 0xfe, 0xff, 0, 0x80, 0x7f, 0x24};
+    const LONG longs[] = {0x04030201, 0x08070605, 0x0c0b0a09};
+    SAFEARRAY* noBytes = Vector(VT_UI1, nullptr, 0, 1);
+    SAFEARRAY* bytes = Vector(VT_UI1, eight, 8, 1, 10);
+    SAFEARRAY* notBytes = Vector(VT_I4, longs, 3, 4);
+
+    // Without data arrays the tag encloses nothing and is not kept.
+    EXPECT_EQ(S_OK, tolvane_->Tolvane_RuleTriggered(plugin, guid, tag, nullptr, nullptr));
+    EXPECT_EQ(S_OK, tolvane_->Tolvane_RuleTriggered(plugin, guid, nullptr, two, values));
+    EXPECT_EQ(S_OK, tolvane_->Tolvane_RuleTriggered(empty, empty, empty, none, none));
+    EXPECT_EQ(S_OK, tolvane_->Tolvane_RuleTriggered(plugin, guid, tag, fromFive, fromFive));
+    EXPECT_EQ(S_OK, tolvane_->Tolvane_PeriodicDataGenerated(1, 2, 3, noBytes));
+    EXPECT_EQ(S_OK, tolvane_->Tolvane_PeriodicDataGenerated(-1, 0x7fffffff, -2, bytes));
+    // Not bytes: the element count is taken as the length in bytes.
+    EXPECT_EQ(S_OK, tolvane_->Tolvane_PeriodicDataGenerated(4, 4, 4, notBytes));
+    EXPECT_EQ(S_OK, tolvane_->Tolvane_SummaryCreated());
+    for (BSTR text : {plugin, guid, tag, empty}) SysFreeString(text);
+    for (SAFEARRAY* array : {two, values, none, fromFive, noBytes, bytes, notBytes}) SafeArrayDestroy(array);
+
+    std::vector<std::wstring> described;
+    std::vector<WORK_ITEM*> items = Queued();
+    for (WORK_ITEM* item : items) described.push_back(Describe(item));
+    EXPECT_EQ((std::vector<std::wstring>{
+                  L"'plugin' '{guid}' ~ 0 ~ ~",
+                  L"'plugin' '{guid}' ~ 2 ['a','b'] ['1','2']",
+                  L"'' '' '' 0 [] []",
+                  L"'plugin' '{guid}' 'Data' 2 ['x','\u00e9 ,\"\u4e2d'] ['x','\u00e9 ,\"\u4e2d']",
+                  L"1 2 3 0 ~",
+                  L"4294967295 2147483647 18446744073709551614 8 1.2.254.255.0.128.127.36.",
+                  L"4 4 4 3 1.2.3.",
+                  L"summary",
+              }),
+              described);
+    for (WORK_ITEM* item : items) {
+        if (item->kind == WORK_PERIODIC_DATA && item->u.periodicData.data != nullptr) {
+            free(item->u.periodicData.data);
+            --g_allocCount;
+        }
+        FreeWorkItem(item);
+    }
+    EXPECT_EQ(allocBase_, g_allocCount) << "every block counted once";
+}
+
+// A call queues its item before it returns: a call that returned before
+// another began is queued first, and each caller's calls keep their order.
+TEST_F(Calls, ConcurrentCallsQueueInTheOrderTheyReturn) {
+    constexpr int kThreads = 4;
+    constexpr int kCalls = 50;
+    std::atomic<int> returned{0};
+    std::vector<std::wstring> returnedAs(kThreads * kCalls);  // "<caller>.<call>" by order of return
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            BSTR caller = SysAllocString(std::to_wstring(t).c_str());
+            for (int call = 0; call < kCalls; ++call) {
+                // The GUID carries the call's number and how many calls had returned when it began.
+                BSTR guid = SysAllocString((std::to_wstring(call) + L":" + std::to_wstring(returned.load())).c_str());
+                tolvane_->Tolvane_RuleTriggered(caller, guid, nullptr, nullptr, nullptr);
+                returnedAs[returned++] = std::to_wstring(t) + L"." + std::to_wstring(call);
+                SysFreeString(guid);
+            }
+            SysFreeString(caller);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+
+    std::vector<WORK_ITEM*> items = Queued();
+    ASSERT_EQ(static_cast<size_t>(kThreads * kCalls), items.size());
+    std::vector<int> nextCall(kThreads, 0);
+    std::vector<size_t> queuedAt(items.size());  // by order of return
+    std::vector<int> began(items.size());
+    for (size_t i = 0; i < items.size(); ++i) {
+        const std::wstring caller = items[i]->u.ruleTriggered.rulePluginId;
+        const std::wstring guid = items[i]->u.ruleTriggered.ruleGuid;
+        EXPECT_EQ(nextCall[std::stoi(caller)]++, std::stoi(guid)) << "caller " << std::stoi(caller);
+        began[i] = std::stoi(guid.substr(guid.find(L':') + 1));
+        const std::wstring name = caller + L"." + guid.substr(0, guid.find(L':'));
+        queuedAt[std::find(returnedAs.begin(), returnedAs.end(), name) - returnedAs.begin()] = i;
+        FreeWorkItem(items[i]);
+    }
+    // latest[n]: the last place at which one of the first n calls to return was queued.
+    std::vector<long long> latest(items.size() + 1, -1);
+    for (size_t n = 0; n < items.size(); ++n) latest[n + 1] = std::max<long long>(latest[n], queuedAt[n]);
+    for (size_t i = 0; i < items.size(); ++i) EXPECT_LT(latest[began[i]], static_cast<long long>(i)) << "item " << i;
+    EXPECT_EQ(allocBase_, g_allocCount);
 }
 
 TEST(ComServer, LockServerKeepsTheServerAliveUntilUnlockedOr5s) {

@@ -1,6 +1,6 @@
 // tolvaneTestHost: serves the Tolvane class the way the service does (COM
 // server thread and engine thread over the real queue), with a
-// Tolvane_HandleEvents that writes each item it is given to a record file.
+// Tolvane_HandleEvents that records each item's kind in a record file.
 //
 //   tolvaneTestHost <name> <record file> <error log name>
 //
@@ -22,7 +22,6 @@
 
 #include "comServer.h"
 #include "conventions.h"
-#include "hostRecord.h"
 #include "omkErrors.h"
 #include "workQueue.h"
 
@@ -41,37 +40,20 @@ void WriteRecord(const std::string& line) {
     WriteFile(g_record, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
 
-// True when bytes [from, to) of the item all hold the fill byte.
-std::string FillState(const WORK_ITEM* item, size_t from, size_t to) {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(item);
-    for (size_t i = from; i < to; ++i) {
-        if (bytes[i] != OMK_FILL_BYTE) return "bad";
-    }
-    return "ok";
-}
-
 HANDLE HostEvent(const std::wstring& name, const wchar_t* which) {
-    return CreateEventW(nullptr, TRUE, FALSE, hostrecord::EventName(name, which).c_str());
+    return CreateEventW(nullptr, TRUE, FALSE, (L"Local\\" + name + L"." + which).c_str());
 }
 
 }  // namespace
 
+// "item kind=<kind>"; a summary item also tells whether it is all '$' after its link.
 void Tolvane_HandleEvents(WORK_ITEM* item) {
-    using namespace hostrecord;
     std::string line = "item kind=" + std::to_string(item->kind);
     if (item->kind == WORK_SUMMARY_CREATED) {
-        line += " fill=" + FillState(item, offsetof(WORK_ITEM, u), sizeof(WORK_ITEM));
-    } else if (item->kind == WORK_RULE_TRIGGERED) {
-        const auto& rule = item->u.ruleTriggered;
-        line += " plugin=" + RecordText(rule.rulePluginId) + " guid=" + RecordText(rule.ruleGuid) +
-                " tag=" + RecordText(rule.dataItemsEnclosingXmlTag) + " n=" + std::to_string(rule.numDataItems) +
-                " names=" + RecordArray(rule.dataItemName) + " vals=" + RecordArray(rule.dataItemVal);
-    } else if (item->kind == WORK_PERIODIC_DATA) {
-        const auto& periodic = item->u.periodicData;
-        line += " code=" + std::to_string(periodic.code) + " sub=" + std::to_string(periodic.subCode) +
-                " ts=" + std::to_string(periodic.timeStamp) + " len=" + std::to_string(periodic.dataLen) +
-                " data=" + RecordBytes(periodic.data, periodic.dataLen) +
-                " fill=" + FillState(item, offsetof(WORK_ITEM, u.periodicData.unused), sizeof(WORK_ITEM));
+        const auto* bytes = reinterpret_cast<const unsigned char*>(item);
+        size_t at = offsetof(WORK_ITEM, u);
+        while (at < sizeof(WORK_ITEM) && bytes[at] == OMK_FILL_BYTE) ++at;
+        line += at == sizeof(WORK_ITEM) ? " fill=ok" : " fill=bad";
     }
     WriteRecord(line);
 }
@@ -82,7 +64,7 @@ struct HostOptions {
     std::wstring name;
     std::wstring recordPath;
     std::wstring logName;
-    bool lingers = false;  // waits for .exit after stopping
+    bool lingers;  // waits for .exit after stopping
 };
 
 HostOptions g_options;
@@ -115,8 +97,7 @@ int RunHost(const HostOptions& options) {
         return 3;
     }
     error = StartTolvaneThread();
-    WriteRecord("engine tid=" + std::to_string(g_TolvaneThreadId) + " start=" + std::to_string(error));
-    WriteRecord("host pid=" + std::to_string(GetCurrentProcessId()));
+    WriteRecord("host pid=" + std::to_string(GetCurrentProcessId()) + " engine=" + std::to_string(error));
     if (g_serviceStatus != nullptr) ReportServiceState(SERVICE_RUNNING);
     SetEvent(ready);
     if (WaitForSingleObject(stop, kLifetimeMs) != WAIT_OBJECT_0) WriteRecord("lifetime over");
@@ -155,19 +136,18 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
 
 int wmain(int argc, wchar_t** argv) {
     if (argc == 2 && (_wcsicmp(argv[1], L"-Embedding") == 0 || _wcsicmp(argv[1], L"/Embedding") == 0)) {
-        g_options.name = L"tolvaneTestHost-embedded";
         wchar_t temp[MAX_PATH];
         GetTempPathW(MAX_PATH, temp);
-        g_options.recordPath = std::wstring(temp) + g_options.name + L".txt";
-        g_options.logName = g_options.name + L".txt";
-        return RunHost(g_options);
-    }
-    if (argc == 5 && wcscmp(argv[1], L"service") == 0) {
+        const std::wstring name = L"tolvaneTestHost-embedded";
+        g_options = HostOptions{name, std::wstring(temp) + name + L".txt", name + L".txt", false};
+    } else if (argc == 5 && wcscmp(argv[1], L"service") == 0) {
         g_options = HostOptions{argv[2], argv[3], argv[4], false};
         SERVICE_TABLE_ENTRYW services[] = {{&g_options.name[0], ServiceMain}, {nullptr, nullptr}};
         return StartServiceCtrlDispatcherW(services) ? 0 : static_cast<int>(GetLastError());
+    } else if (argc == 4) {
+        g_options = HostOptions{argv[1], argv[2], argv[3], true};
+    } else {
+        return 87;
     }
-    if (argc != 4) return 87;
-    g_options = HostOptions{argv[1], argv[2], argv[3], true};
     return RunHost(g_options);
 }
