@@ -120,15 +120,14 @@ TEST_F(CrashFilter, HeapCorruptionIsDumpedThroughTheVectoredHandlerAndOtherExcep
     EXPECT_FALSE(log_.Contains("Parameter/Argument[3]")) << log;
     EXPECT_TRUE(log_.Contains("OMKExceptionFilter: User-mode minidump has been written to %ls.")) << log;
 
-    const std::string prefix = "GenetateUserModeMinidumpFilePath: ";
-    size_t at = log.find(prefix);
+    // "<minidump folder>\omkcrash_<UTC time to the millisecond>.mdmp"
+    const std::string prefix = "GenetateUserModeMinidumpFilePath: " + omktest::ToUtf8(archive_) + "\\omkcrash_";
+    const size_t at = log.find(prefix);
     ASSERT_NE(std::string::npos, at) << log;
-    const std::string path = log.substr(at + prefix.size(), log.find_first_of("\r\n", at) - at - prefix.size());
-    const std::string folder = omktest::ToUtf8(archive_) + "\\omkcrash_";
-    ASSERT_EQ(folder, path.substr(0, folder.size())) << path;
-    EXPECT_EQ(17u + 5u, path.size() - folder.size()) << "UTC time to the millisecond and .mdmp: " << path;
-    EXPECT_EQ(".mdmp", path.substr(path.size() - 5));
-    const std::wstring dump = omktest::FromUtf8(path);
+    const std::string name = log.substr(at + prefix.size(), log.find_first_of("\r\n", at) - at - prefix.size());
+    EXPECT_EQ(17u, name.find_first_not_of("0123456789")) << name;
+    EXPECT_EQ(".mdmp", name.substr(17));
+    const std::wstring dump = archive_ + L"\\omkcrash_" + omktest::FromUtf8(name);
     EXPECT_EQ("MDMP", omktest::ReadFileBytes(dump).substr(0, 4));
     DeleteFileW(dump.c_str());
 }
