@@ -29,8 +29,7 @@ BOOL WriteProcessMinidump(HANDLE file, EXCEPTION_POINTERS* pointers) {
 // The structured exception guard around the dump call, kept free of C++
 // objects. Sets *raisedCode to the code of an exception raised inside, else 0.
 #if defined(_MSC_VER)
-static BOOL GuardedDumpCall(OMK_MINIDUMP_WRITER writer, HANDLE file, EXCEPTION_POINTERS* pointers,
-                            DWORD* raisedCode) {
+static BOOL GuardedDumpCall(OMK_MINIDUMP_WRITER writer, HANDLE file, EXCEPTION_POINTERS* pointers, DWORD* raisedCode) {
     *raisedCode = 0;
     __try {
         return writer(file, pointers);
@@ -54,15 +53,16 @@ __attribute__((noinline)) static BOOL GuardedDumpCall(OMK_MINIDUMP_WRITER writer
                                                       EXCEPTION_POINTERS* pointers, DWORD* raisedCode) {
     volatile BOOL written = FALSE;
     t_guardedDumpCode = 0;
+    // clang-format off
     __try1(OmkGuardedDumpFilter)
     written = writer(file, pointers);
     __except1
-    *raisedCode = t_guardedDumpCode;
+        // clang-format on
+        * raisedCode = t_guardedDumpCode;
     return written;
 }
 #else
-static BOOL GuardedDumpCall(OMK_MINIDUMP_WRITER writer, HANDLE file, EXCEPTION_POINTERS* pointers,
-                            DWORD* raisedCode) {
+static BOOL GuardedDumpCall(OMK_MINIDUMP_WRITER writer, HANDLE file, EXCEPTION_POINTERS* pointers, DWORD* raisedCode) {
     *raisedCode = 0;
     return writer(file, pointers);
 }
@@ -109,8 +109,8 @@ bool GenetateUserModeMinidumpFilePath(wchar_t* buffer) {
 
 LONG WINAPI OMKExceptionFilter(EXCEPTION_POINTERS* pointers) {
     const EXCEPTION_RECORD* record = pointers->ExceptionRecord;
-    OMK_ReportError(0, L"%hs: EXCEPTION Code 0x%x, Flags 0x%x, Address %p", "OMKExceptionFilter",
-                    record->ExceptionCode, record->ExceptionFlags, record->ExceptionAddress);
+    OMK_ReportError(0, L"%hs: EXCEPTION Code 0x%x, Flags 0x%x, Address %p", "OMKExceptionFilter", record->ExceptionCode,
+                    record->ExceptionFlags, record->ExceptionAddress);
     for (DWORD i = 0; i < record->NumberParameters && i < EXCEPTION_MAXIMUM_PARAMETERS; ++i) {
         OMK_ReportError(0, L"%hs: EXCEPTION Parameter/Argument[%lu] = %p", "OMKExceptionFilter", i,
                         reinterpret_cast<void*>(record->ExceptionInformation[i]));

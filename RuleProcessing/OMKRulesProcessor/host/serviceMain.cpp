@@ -66,8 +66,8 @@ DWORD WINAPI ServiceCtrlHandlerEx(DWORD control, DWORD /*eventType*/, LPVOID /*e
             if (g_stoppedReported) return NO_ERROR;
             DWORD result = ReportStatusToSCMgr(SERVICE_STOP_PENDING, 0, kStopWaitHintMs);
             if (result != 0) {
-                OMK_ReportError(0, L"%hs(%hs): SetServiceStatus(SERVICE_STOP_PENDING) err=%lu!",
-                                "ServiceCtrlHandlerEx", name, result);
+                OMK_ReportError(0, L"%hs(%hs): SetServiceStatus(SERVICE_STOP_PENDING) err=%lu!", "ServiceCtrlHandlerEx",
+                                name, result);
             }
             if (g_ServiceStopEvent != nullptr && !SetEvent(g_ServiceStopEvent)) {
                 OMK_ReportError(0, L"%hs(%hs): SetEvent(%hs) err=%lu!", "ServiceCtrlHandlerEx", name,

@@ -38,8 +38,7 @@ void Tolvane_ForgetStepsForTest() {
 DWORD CreateAlertGeneratedEvent() {
     g_alertGeneratedEvent = nullptr;
     PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(kAlertEventSddl, SDDL_REVISION_1, &descriptor,
-                                                              nullptr)) {
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(kAlertEventSddl, SDDL_REVISION_1, &descriptor, nullptr)) {
         DWORD error = GetLastError();
         OMK_ReportError(0, L"%hs: ConvertStringSecurityDescriptorToSecurityDescriptorW() err=%lu",
                         "CreateAlertGeneratedEvent", error);

@@ -43,13 +43,16 @@ TEST(TolvaneOverCom, AReferenceHeldThroughTheStopIsCutOff) {
     omktest::ErrorLog log(name + L".txt");
     HANDLE events[3];
     const wchar_t* which[3] = {L"ready", L"stop", L"exit"};
-    for (int i = 0; i < 3; ++i) events[i] = CreateEventW(nullptr, TRUE, FALSE, (L"Local\\" + name + L"." + which[i]).c_str());
+    for (int i = 0; i < 3; ++i)
+        events[i] = CreateEventW(nullptr, TRUE, FALSE, (L"Local\\" + name + L"." + which[i]).c_str());
     std::wstring command = Tool(L"tolvaneTestHost.exe") + L" " + name + L" \"" + record + L"\" " + name + L".txt";
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION host = {};
     ASSERT_TRUE(CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &host));
-    auto recorded = [&](const std::string& text) { return omktest::ReadFileBytes(record).find(text) != std::string::npos; };
+    auto recorded = [&](const std::string& text) {
+        return omktest::ReadFileBytes(record).find(text) != std::string::npos;
+    };
 
     ITolvane* tolvane = nullptr;
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(events[0], 20000));

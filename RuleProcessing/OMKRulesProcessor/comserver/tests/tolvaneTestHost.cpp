@@ -1,23 +1,14 @@
-// tolvaneTestHost: serves the Tolvane class the way the service does (COM
-// server thread and engine thread over the real queue), with a
-// Tolvane_HandleEvents that records each item's kind in a record file.
-//
-//   tolvaneTestHost <name> <record file> <error log name>
-//
-// The test drives it through the manual-reset events Local\<name>.ready (set
-// by the host once it serves), .stop (stop as the service does: engine, then
-// COM server, then record "stopped") and .exit (end the process). Its main
-// thread stays in the multithreaded apartment throughout, as other threads of
-// the service may. Started by COM from its LocalServer32 registration
-// ("-Embedding"), it runs under the name tolvaneTestHost-embedded, recording
-// into %TEMP%\tolvaneTestHost-embedded.txt. As a Windows service:
-//
-//   tolvaneTestHost service <service name> <record file> <error log name>
-//
-// it serves from ServiceMain until the service manager stops it.
+// tolvaneTestHost: serves Tolvane as the service does (COM server thread and
+// engine thread over the real queue) and records the kind of each item handled.
+//   tolvaneTestHost <name> <record file> <error log name>: driven through the
+//     manual-reset events Local\<name>.ready (it serves), .stop (stop as the
+//     service does, then record "stopped") and .exit; its main thread stays in
+//     the multithreaded apartment throughout, as other service threads may.
+//   tolvaneTestHost -Embedding: started by COM, as tolvaneTestHost-embedded,
+//     recording into %TEMP%\tolvaneTestHost-embedded.txt.
+//   tolvaneTestHost service <service name> <record file> <error log name>.
 #include <windows.h>
 
-#include <mutex>
 #include <string>
 
 #include "comServer.h"
@@ -31,10 +22,9 @@ namespace {
 constexpr DWORD kLifetimeMs = 180000;
 
 HANDLE g_record = INVALID_HANDLE_VALUE;
-std::mutex g_recordLock;
 
+// One line; the file is opened for appending, so each write lands whole.
 void WriteRecord(const std::string& line) {
-    std::lock_guard<std::mutex> guard(g_recordLock);
     std::string text = line + "\n";
     DWORD written = 0;
     WriteFile(g_record, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
@@ -82,7 +72,7 @@ void ReportServiceState(DWORD state) {
 // Serves until the stop event is set; returns the process exit code.
 int RunHost(const HostOptions& options) {
     OMK_SetErrorLogName(options.logName.c_str());
-    g_record = CreateFileW(options.recordPath.c_str(), GENERIC_WRITE,
+    g_record = CreateFileW(options.recordPath.c_str(), FILE_APPEND_DATA,
                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, CREATE_ALWAYS, 0, nullptr);
     if (g_record == INVALID_HANDLE_VALUE) return 2;
     HANDLE ready = HostEvent(options.name, L"ready");

@@ -26,8 +26,7 @@ WORK_ITEM* NewWorkItem(unsigned int kind);
 // What a collector's Tolvane_RuleTriggered queues. Without data items the
 // item has no tag and no arrays.
 WORK_ITEM* RuleTriggeredItem(const wchar_t* pluginId, const wchar_t* guid, const wchar_t* tag = nullptr,
-                             const std::vector<std::wstring>& names = {},
-                             const std::vector<std::wstring>& values = {});
+                             const std::vector<std::wstring>& names = {}, const std::vector<std::wstring>& values = {});
 
 // One line written with OutputDebugString, and the process that wrote it.
 struct TraceLine {

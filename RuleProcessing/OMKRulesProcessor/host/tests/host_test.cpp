@@ -24,33 +24,29 @@ TEST(SetupState, TheRegistryStringComesFirstElseStateIni) {
     CreateDirectoryW(L"C:\\windows\\Setup\\State", nullptr);
     EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), GetWindowsSetupState(nullptr));
     struct Case {
-        const wchar_t* registry;  // null: no key; L"#": a DWORD value
+        const wchar_t* registry;  // null: no key; "#": a DWORD value
         const char* ini;          // null: no file
-        bool found;               // status 0
-        const wchar_t* state;
+        const wchar_t* state;     // null: a failure status
     };
+    // Nothing read from State.ini is no failure of its own: the caller logs the empty text.
     const Case cases[] = {
-        {L"IMAGE_STATE_UNDEPLOYABLE", "ImageState=IMAGE_STATE_COMPLETE", true, L"IMAGE_STATE_UNDEPLOYABLE"},
-        {L"", "ImageState=IMAGE_STATE_COMPLETE", true, L"IMAGE_STATE_COMPLETE"},
-        {L"#", "ImageState=IMAGE_STATE_COMPLETE", true, L"IMAGE_STATE_COMPLETE"},
-        {nullptr, "ImageState=IMAGE_STATE_COMPLETE", true, L"IMAGE_STATE_COMPLETE"},
-        // Nothing read is no failure of its own: the caller logs the empty text.
-        {nullptr, "ImageState=", true, L""},
-        {nullptr, "OtherKey=IMAGE_STATE_COMPLETE", true, L""},
-        {nullptr, nullptr, false, L""},
+        {L"", "ImageState=IMAGE_STATE_COMPLETE", L"IMAGE_STATE_COMPLETE"},
+        {L"#", "ImageState=IMAGE_STATE_COMPLETE", L"IMAGE_STATE_COMPLETE"},
+        {nullptr, "ImageState=", L""},
+        {nullptr, "OtherKey=IMAGE_STATE_COMPLETE", L""},
+        {nullptr, nullptr, nullptr},
     };
     for (const Case& c : cases) {
-        RegDeleteKeyW(HKEY_LOCAL_MACHINE, kSetupStateKey);
         DeleteFileW(kStateIni.c_str());
         if (c.ini != nullptr) omktest::WriteFileBytes(kStateIni, std::string("[State]\r\n") + c.ini + "\r\n");
         omktest::ScopedRegKey key(HKEY_LOCAL_MACHINE, kSetupStateKey);
         if (c.registry == nullptr) RegDeleteKeyW(HKEY_LOCAL_MACHINE, kSetupStateKey);
-        if (c.registry != nullptr && c.registry[0] == L'#') key.SetDword(L"ImageState", 7);
-        if (c.registry != nullptr && c.registry[0] != L'#') key.SetString(L"ImageState", c.registry);
+        if (c.registry != nullptr)
+            c.registry[0] == L'#' ? key.SetDword(L"ImageState", 7) : key.SetString(L"ImageState", c.registry);
         wchar_t state[MAX_PATH];
         wmemset(state, L'#', MAX_PATH);
-        EXPECT_EQ(c.found, GetWindowsSetupState(state) == 0) << omktest::ToUtf8(c.state);
-        EXPECT_STREQ(c.state, state);
+        EXPECT_EQ(c.state != nullptr, GetWindowsSetupState(state) == 0) << omktest::ToUtf8(state);
+        EXPECT_STREQ(c.state != nullptr ? c.state : L"", state);
     }
     DeleteFileW(kStateIni.c_str());
 }
@@ -72,8 +68,15 @@ TEST(ServiceControlWithoutServiceManager, ReportsAndControlsFailSoftlyAndStopCha
               }),
               log.Messages());
 
+    // The stop sequence after a failed start: an engine teardown without an
+    // engine start only reports, the queue's lock missing once.
     ServiceMain(0, nullptr);
-    ASSERT_TRUE(log.Contains("OMKRulesProcessor 1.0.0 has stopped.")) << log.Since();
+    const std::string stopped = log.Since();
+    ASSERT_TRUE(log.Contains("OMKRulesProcessor 1.0.0 has stopped.")) << stopped;
+    const size_t first = stopped.find("RemoveFromWorkQueue: crit sect not initialized !");
+    EXPECT_EQ(std::string::npos, stopped.find("RemoveFromWorkQueue: crit sect not initialized !", first + 1))
+        << stopped;
+    EXPECT_TRUE(log.Contains("CloseAlertGeneratedEvent: CloseHandle() err=")) << stopped;
     log.Mark();
     EXPECT_EQ(0u, ServiceCtrlHandlerEx(SERVICE_CONTROL_STOP, 0, nullptr, nullptr));
     EXPECT_EQ((std::vector<std::string>{"ServiceCtrlHandlerEx(SERVICE_CONTROL_STOP) ..."}), log.Messages())
@@ -115,7 +118,6 @@ TEST_F(CrashFilter, HeapCorruptionIsDumpedThroughTheVectoredHandlerAndOtherExcep
     const std::string log = log_.Since();
     EXPECT_TRUE(log_.Contains("OMKExceptionFilter: EXCEPTION Code 0xc0000374, Flags 0x0, Address 0000000012345678"))
         << log;
-    EXPECT_TRUE(log_.Contains("OMKExceptionFilter: EXCEPTION Parameter/Argument[0] = 00000000000000A0")) << log;
     EXPECT_TRUE(log_.Contains("OMKExceptionFilter: EXCEPTION Parameter/Argument[2] = 00000000000000A2")) << log;
     EXPECT_FALSE(log_.Contains("Parameter/Argument[3]")) << log;
     EXPECT_TRUE(log_.Contains("OMKExceptionFilter: User-mode minidump has been written to %ls.")) << log;
@@ -139,7 +141,8 @@ TEST_F(CrashFilter, WithoutTheMinidumpFolderTheSystemHandlesTheException) {
     LONG result = OMKExceptionFilter(&access.pointers);
     MoveFileW(held.c_str(), archive_.c_str());
     EXPECT_EQ(EXCEPTION_EXECUTE_HANDLER, result);
-    EXPECT_TRUE(log_.Contains("OMKExceptionFilter: EXCEPTION Parameter/Argument[1] = 00000000000000A1")) << log_.Since();
+    EXPECT_TRUE(log_.Contains("OMKExceptionFilter: EXCEPTION Parameter/Argument[1] = 00000000000000A1"))
+        << log_.Since();
     EXPECT_TRUE(log_.Contains("OMKExceptionFilter: CreateFileW(" + omktest::ToUtf8(archive_) + "\\omkcrash_"))
         << log_.Since();
     EXPECT_TRUE(log_.Contains(".mdmp) failed! err=3")) << log_.Since();
@@ -169,9 +172,9 @@ TEST(ShippedService, CarriesNoTestHook) {
     const std::string service = omktest::ReadFileBytes(omktest::ProgramFolder() + L"\\OMKRulesProcessor.exe");
     const std::string testBuild = omktest::ReadFileBytes(omktest::ProgramFolder() + L"\\tolvane_test.exe");
     ASSERT_GT(service.size(), 100000u);
-    for (const char* hook : {"Alert_SetClock", "ResetForTest", "SetServiceTagSourcesForTest", "SetModelForTest",
-                             "SetChassisTypeForTest", "ClearMachineIdentityForTest", "Tolvane_ForgetStepsForTest",
-                             "g_handleEventsPauseMs"}) {
+    for (const char* hook :
+         {"Alert_SetClock", "ResetForTest", "SetServiceTagSourcesForTest", "SetModelForTest", "SetChassisTypeForTest",
+          "ClearMachineIdentityForTest", "Tolvane_ForgetStepsForTest", "g_handleEventsPauseMs"}) {
         EXPECT_NE(std::string::npos, testBuild.find(hook)) << hook << " is a hook of the test build";
         EXPECT_EQ(std::string::npos, service.find(hook)) << hook;
     }
