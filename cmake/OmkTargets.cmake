@@ -10,11 +10,21 @@ function(omk_target_settings target)
     $<$<COMPILE_LANGUAGE:C,CXX>:-Wall -Wextra -Werror -Wno-unknown-pragmas -Wno-cast-function-type>)
 endfunction()
 
+# Links the helpers built with their test seams (UtilityHelperLib/CMakeLists.txt)
+# into a test or bench program, whole and first, so that they stand in for the
+# shipped helpers. Call before any other target_link_libraries of the program.
+function(omk_link_test_seams target)
+  target_link_libraries(${target} PRIVATE "$<LINK_LIBRARY:WHOLE_ARCHIVE,OmkTestSeams>")
+endfunction()
+
 # A GoogleTest program run under Wine as one CTest entry.
 function(omk_add_test name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   omk_target_settings(${name})
+  if(TARGET OmkTestSeams)
+    omk_link_test_seams(${name})
+  endif()
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} OmkTestSupport GTest::gtest_main)
   add_test(NAME ${name} COMMAND ${name} --gtest_color=no)
   if(NOT ARG_TIMEOUT)

@@ -66,6 +66,14 @@ HRESULT CountDataItems(SAFEARRAY* array, const char* which, LONG* count) {
                         static_cast<int>(dims));
         return E_INVALIDARG;
     }
+    // The marshaller hands over arrays of any element type, and the engine reads
+    // every element as a BSTR: anything else (VARIANTs included) is refused here.
+    VARTYPE type = VT_EMPTY;
+    if (FAILED(SafeArrayGetVartype(array, &type)) || type != VT_BSTR) {
+        OMK_ReportError(0, L"Tolvane_RuleTriggered: GetSafeArrayNumElems (%hs) vartype %d not supported", which,
+                        static_cast<int>(type));
+        return E_INVALIDARG;
+    }
     return S_OK;
 }
 
@@ -203,25 +211,20 @@ HRESULT LockPeriodicEntryData(SAFEARRAY* data, void** bytes, ULONG* length) {
 
 }  // namespace
 
+// The cleanup events are set and reset with the count's lock held: signalled
+// after the lock, a Release arriving at 0 could set the event just after a
+// concurrent AddRef had reset it, leaving it signalled while references exist.
 ULONG AddComServerRef() {
-    ULONG count;
-    {
-        std::lock_guard<std::mutex> guard(comServerRefCountLock);
-        count = ++comServerRefCount;
-    }
+    std::lock_guard<std::mutex> guard(comServerRefCountLock);
     ResetEvent(g_ComServerCleanupEvent);
-    return count;
+    return ++comServerRefCount;
 }
 
 ULONG ReleaseComServerRef() {
-    ULONG count;
-    {
-        std::lock_guard<std::mutex> guard(comServerRefCountLock);
-        if (comServerRefCount != 0) --comServerRefCount;
-        count = comServerRefCount;
-    }
-    if (count == 0) SetEvent(g_ComServerCleanupEvent);
-    return count;
+    std::lock_guard<std::mutex> guard(comServerRefCountLock);
+    if (comServerRefCount != 0) --comServerRefCount;
+    if (comServerRefCount == 0) SetEvent(g_ComServerCleanupEvent);
+    return comServerRefCount;
 }
 
 void FormatRiid(REFIID riid, char (&text)[260]) {
@@ -274,9 +277,9 @@ ULONG STDMETHODCALLTYPE CTolvane::AddRef() {
     ULONG count;
     {
         std::lock_guard<std::mutex> guard(lock_);
+        ResetEvent(g_ComClassCleanupEvent);
         count = ++tolvaneClassRefCount;
     }
-    ResetEvent(g_ComClassCleanupEvent);
     OmkTraceA("[%lu]%s() tolvaneClassRefCount=%lu", GetCurrentThreadId(), "AddRef", count);
     return count;
 }
@@ -287,8 +290,8 @@ ULONG STDMETHODCALLTYPE CTolvane::Release() {
         std::lock_guard<std::mutex> guard(lock_);
         if (tolvaneClassRefCount != 0) --tolvaneClassRefCount;
         count = tolvaneClassRefCount;
+        if (count == 0) SetEvent(g_ComClassCleanupEvent);
     }
-    if (count == 0) SetEvent(g_ComClassCleanupEvent);
     OmkTraceA("[%lu]%s() tolvaneClassRefCount=%lu", GetCurrentThreadId(), "Release", count);
     return count;
 }

@@ -22,8 +22,9 @@ extern HANDLE g_ComClassCleanupEvent;
 // StartComServerThread; the COM server thread waits on it at the end.
 extern HANDLE g_ComServerCleanupEvent;
 
-// Raise or lower comServerRefCount (never below 0) and then, with the lock
-// released, reset g_ComServerCleanupEvent or set it at 0; return the new count.
+// Raise or lower comServerRefCount (never below 0), resetting
+// g_ComServerCleanupEvent or setting it at 0 under the same lock; return the
+// new count.
 ULONG AddComServerRef();
 ULONG ReleaseComServerRef();
 
@@ -52,7 +53,7 @@ public:
 
     // Queues a summary-created item; always S_OK.
     HRESULT STDMETHODCALLTYPE Tolvane_SummaryCreated() override;
-    // Checks the two arrays (both or neither, one dimension, equal counts) and
+    // Checks the two arrays (both or neither, one dimension of BSTRs, equal counts) and
     // queues a rule-triggered item with copies of everything; S_OK once the
     // arguments are accepted, even if nothing could be queued.
     HRESULT STDMETHODCALLTYPE Tolvane_RuleTriggered(BSTR rulePluginId, BSTR ruleGuid, BSTR dataItemsEnclosingXmlTag,

@@ -67,3 +67,9 @@ HRESULT STDMETHODCALLTYPE CTolvaneFactory::LockServer(BOOL fLock) {
     OmkTraceA("[%lu]%s() END %s=%lu", GetCurrentThreadId(), function, "comServerRefCount", count);
     return S_OK;
 }
+
+bool CTolvaneFactory::Disconnect(DWORD waitMs) {
+    CoDisconnectObject(static_cast<ITolvane*>(&object), 0);
+    CoDisconnectObject(static_cast<IClassFactory*>(this), 0);
+    return WaitForSingleObject(g_ComClassCleanupEvent, waitMs) == WAIT_OBJECT_0;
+}

@@ -27,6 +27,13 @@ public:
     // Raises or lowers comServerRefCount. Always S_OK.
     HRESULT STDMETHODCALLTYPE LockServer(BOOL fLock) override;
 
+    // Cuts every client off the object and the factory, so that no call can
+    // reach them once they are destroyed; COM releases the references it held
+    // for those clients. True when no reference to the object remains after
+    // `waitMs` (calls under way keep theirs until they return). COM server
+    // thread, after the class is revoked.
+    bool Disconnect(DWORD waitMs);
+
 private:
     std::mutex lock_;  // guards tolvaneFactoryRefCount
     ULONG tolvaneFactoryRefCount;

@@ -16,6 +16,7 @@ namespace {
 
 constexpr DWORD kStartWaitMs = 5000;
 constexpr DWORD kDrainWaitMs = 5000;
+constexpr DWORD kDisconnectWaitMs = 2000;
 constexpr DWORD kStopWaitMs = 10000;
 constexpr DWORD kExitNotEnoughMemory = ERROR_NOT_ENOUGH_MEMORY;
 
@@ -34,12 +35,13 @@ DWORD CreateServerEvent(HANDLE* event, BOOL signalled, const char* name) {
 }
 
 // Waits for `handle`; a time-out, another non-signalled result or a failed
-// wait with an error is reported under `name`. The caller goes on regardless.
-void WaitAndReport(HANDLE handle, DWORD timeoutMs, const char* function, const char* name) {
+// wait with an error is reported under `name`. True when signalled.
+bool WaitAndReport(HANDLE handle, DWORD timeoutMs, const char* function, const char* name) {
     DWORD result = WaitForSingleObject(handle, timeoutMs);
-    if (result == WAIT_OBJECT_0) return;
+    if (result == WAIT_OBJECT_0) return true;
     DWORD error = OmkWaitFailureCode(result);
     if (error != 0) OMK_ReportError(0, L"%hs(): WaitForSingleObject(%hs) err=%lu", function, name, error);
+    return false;
 }
 
 void CloseAndClear(HANDLE* handle) {
@@ -145,9 +147,15 @@ DWORD WINAPI ComServerThreadProc(LPVOID /*parameter*/) {
         OMK_ReportError(0, L"%hs(): CoRevokeClassObject(%hs) hr=%ld(%ls)", function, "CLSID_Tolvane", hr,
                         ComErrorMessage(hr).Text());
     }
-    // Client references still held after the drain now point at nothing.
-    delete factory;
-    WaitAndReport(g_ComServerCleanupEvent, kDrainWaitMs, function, "g_ComServerCleanupEvent");
+    // Clients still holding references after the drain are cut off before the
+    // object goes. Should a call still be running in it (a disconnection lets
+    // calls under way finish), the object is left to the process exit instead.
+    if (factory->Disconnect(kDisconnectWaitMs)) {
+        delete factory;
+        WaitAndReport(g_ComServerCleanupEvent, kDrainWaitMs, function, "g_ComServerCleanupEvent");
+    } else {
+        OmkTraceA("[%lu]%s() CTolvane still referenced, left allocated", GetCurrentThreadId(), function);
+    }
 
     CoUninitialize();
     OmkTraceEnd(function);
@@ -159,7 +167,11 @@ void StopComServerThread() {
     if (!SetEvent(g_ComServerThreadExitEvent)) {
         OMK_ReportError(0, L"%hs(): SetEvent(%hs) err=%lu", function, "g_ComServerThreadExitEvent", GetLastError());
     }
-    WaitAndReport(g_ComServerThreadHandle, kStopWaitMs, function, "g_ComServerThreadHandle");
+    // A thread that has not ended still waits on the events: they stay open then.
+    if (!WaitAndReport(g_ComServerThreadHandle, kStopWaitMs, function, "g_ComServerThreadHandle") &&
+        g_ComServerThreadHandle != nullptr) {
+        return;
+    }
     CloseAndClear(&g_ComServerThreadHandle);
     CloseAndClear(&g_ComServerThreadExitEvent);
     CloseAndClear(&g_ComServerThreadRunEvent);

@@ -1,7 +1,8 @@
 // The COM server thread: it enters the multithreaded apartment, registers the
 // Tolvane class factory for other processes and stays blocked until it is told
-// to end, then lets client references and server locks drain (5 s each at
-// most) and revokes the class. The service main thread starts and stops it.
+// to end, then lets client references drain (5 s at most), revokes the class,
+// cuts off the clients still connected and lets server locks drain (5 s at
+// most). The service main thread starts and stops it.
 #pragma once
 
 #include <windows.h>
@@ -26,5 +27,6 @@ DWORD StartComServerThread();
 DWORD WINAPI ComServerThreadProc(LPVOID parameter);
 
 // Asks the server thread to end, waits up to 10000 ms for it and closes the
-// server's handles. Called once, by the service main thread at stop.
+// server's handles, unless the thread is still running (it waits on them).
+// Called once, by the service main thread at stop.
 void StopComServerThread();

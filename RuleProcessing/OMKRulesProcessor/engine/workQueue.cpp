@@ -20,6 +20,17 @@ namespace {
 constexpr DWORD kStartWaitMs = 5000;
 constexpr DWORD kStopWaitMs = 10000;
 
+// Collectors' calls keep arriving during the engine teardown, which runs before
+// the COM server is stopped, so a producer may have seen g_workQueueLockReady
+// set and be about to enter the lock (or to set g_TolvaneEvent) just as the
+// teardown deletes it (or closes the event). Clearing the flag first does not
+// close that window. Producers therefore hold this gate shared from their look
+// at the flag to their SetEvent, and the lock is created and deleted, and the
+// work event replaced, only with the gate held exclusively: a producer then
+// either finishes with both still valid or finds the flag cleared. The gate is
+// statically initialised and never deleted.
+SRWLOCK g_workQueueGate = SRWLOCK_INIT;
+
 void FreeCounted(void* block) {
     --g_allocCount;
     free(block);
@@ -45,14 +56,56 @@ void CloseAndClear(HANDLE* handle) {
     *handle = nullptr;
 }
 
+// Replaces g_TolvaneEvent while no producer uses it; returns the former one.
+HANDLE ExchangeWorkEvent(HANDLE event) {
+    AcquireSRWLockExclusive(&g_workQueueGate);
+    HANDLE former = g_TolvaneEvent;
+    g_TolvaneEvent = event;
+    ReleaseSRWLockExclusive(&g_workQueueGate);
+    return former;
+}
+
+// Collectors may report events while the engine starts: those queued before
+// the engine thread ran are handled now, not only at the next call.
+void WakeIfQueued() {
+    AcquireSRWLockShared(&g_workQueueGate);
+    if (g_workQueueLockReady != 0) {
+        EnterCriticalSection(&g_workQueueLock);
+        const bool queued = g_workQueue != nullptr;
+        LeaveCriticalSection(&g_workQueueLock);
+        if (queued) SetEvent(g_TolvaneEvent);
+    }
+    ReleaseSRWLockShared(&g_workQueueGate);
+}
+
 }  // namespace
+
+void InitWorkQueueLock() {
+    AcquireSRWLockExclusive(&g_workQueueGate);
+    if (g_workQueueLockReady == 0) {
+        InitializeCriticalSection(&g_workQueueLock);
+        g_workQueueLockReady = 1;
+    }
+    ReleaseSRWLockExclusive(&g_workQueueGate);
+}
+
+void DeleteWorkQueueLock() {
+    AcquireSRWLockExclusive(&g_workQueueGate);
+    if (g_workQueueLockReady != 0) {
+        g_workQueueLockReady = 0;
+        DeleteCriticalSection(&g_workQueueLock);
+    }
+    ReleaseSRWLockExclusive(&g_workQueueGate);
+}
 
 void AddToWorkQueue(WORK_ITEM* item) {
     if (item == nullptr) {
         OMK_ReportError(0, L"AddToWorkQueue: null item !");
         return;
     }
+    AcquireSRWLockShared(&g_workQueueGate);
     if (g_workQueueLockReady == 0) {
+        ReleaseSRWLockShared(&g_workQueueGate);
         OMK_ReportError(0, L"AddToWorkQueue: crit sect not initialized !");
         return;
     }
@@ -70,8 +123,11 @@ void AddToWorkQueue(WORK_ITEM* item) {
         OmkTraceA("[%lu]%s() Added after %p.", GetCurrentThreadId(), "AddToWorkQueue", static_cast<void*>(last));
     }
     SetEvent(g_TolvaneEvent);
+    ReleaseSRWLockShared(&g_workQueueGate);
 }
 
+// The consumers (the engine thread, and the teardown once that thread has
+// ended) never overlap the lock's deletion, so they need no gate.
 WORK_ITEM* RemoveFromWorkQueue() {
     if (g_workQueueLockReady == 0) {
         OMK_ReportError(0, L"RemoveFromWorkQueue: crit sect not initialized !");
@@ -144,7 +200,9 @@ DWORD StartTolvaneThread() {
     if (error != 0) return error;
     error = CreateEngineEvent(&g_TolvaneThreadExitEvent, TRUE, "g_TolvaneThreadExitEvent");
     if (error != 0) return error;
-    error = CreateEngineEvent(&g_TolvaneEvent, FALSE, "g_TolvaneEvent");
+    HANDLE work = nullptr;
+    error = CreateEngineEvent(&work, FALSE, "g_TolvaneEvent");
+    ExchangeWorkEvent(work);
     if (error != 0) return error;
 
     g_TolvaneThreadId = 0;
@@ -161,7 +219,10 @@ DWORD StartTolvaneThread() {
 
     // Handles made so far stay for the teardown to close, also on failure.
     DWORD result = WaitForSingleObject(g_TolvaneThreadRunEvent, kStartWaitMs);
-    if (result == WAIT_OBJECT_0) return 0;
+    if (result == WAIT_OBJECT_0) {
+        WakeIfQueued();
+        return 0;
+    }
     error = OmkWaitFailureCode(result);
     if (error != 0) {
         OMK_ReportError(0, L"%hs(): WaitForSingleObject(%hs) err=%lu", function, "g_TolvaneThreadRunEvent", error);
@@ -169,7 +230,7 @@ DWORD StartTolvaneThread() {
     return error;
 }
 
-void StopTolvaneThread() {
+bool StopTolvaneThread() {
     const char* const function = "StopTolvaneThread";
     if (!SetEvent(g_TolvaneThreadExitEvent)) {
         OMK_ReportError(0, L"%hs(): SetEvent(%hs) err=%lu", function, "g_TolvaneThreadExitEvent", GetLastError());
@@ -182,12 +243,19 @@ void StopTolvaneThread() {
             OMK_ReportError(0, L"%hs(): WaitForSingleObject(%hs) err=%lu", function, "g_TolvaneThreadHandle", error);
         }
     }
-    // Events queued but not handled are dropped.
+    const bool ended = g_TolvaneThreadHandle == nullptr || result == WAIT_OBJECT_0;
+    // Events queued but not handled are dropped (the lock lets a thread that
+    // is still running take its share meanwhile).
     for (WORK_ITEM* item = RemoveFromWorkQueue(); item != nullptr; item = RemoveFromWorkQueue()) {
         FreeWorkItem(item);
     }
+    // A thread still running waits on these handles: closing them could make it
+    // wait on whatever object reuses a handle value. They stay for the process exit.
+    if (!ended) return false;
     CloseAndClear(&g_TolvaneThreadHandle);
     CloseAndClear(&g_TolvaneThreadExitEvent);
     CloseAndClear(&g_TolvaneThreadRunEvent);
-    CloseAndClear(&g_TolvaneEvent);
+    HANDLE work = ExchangeWorkEvent(nullptr);
+    if (work != nullptr) CloseHandle(work);
+    return true;
 }

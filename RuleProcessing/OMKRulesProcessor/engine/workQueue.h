@@ -13,8 +13,16 @@ extern WORK_ITEM* g_workQueue;
 
 // Guards g_workQueue. Initialised by engine start-up before anything can be
 // queued and deleted at engine teardown; g_workQueueLockReady is 1 in between.
+// Both change only through InitWorkQueueLock and DeleteWorkQueueLock.
 extern CRITICAL_SECTION g_workQueueLock;
 extern LONG g_workQueueLockReady;
+
+// First step of engine start-up: from here on collectors' events are queued.
+void InitWorkQueueLock();
+// Last step of engine teardown: clears g_workQueueLockReady, then deletes the
+// lock, never while a producer is between its check of the flag and its use of
+// the lock. Later events are refused. Nothing when the lock does not exist.
+void DeleteWorkQueueLock();
 
 // Auto-reset, set after every append; the engine thread sleeps on it.
 extern HANDLE g_TolvaneEvent;
@@ -39,12 +47,16 @@ WORK_ITEM* RemoveFromWorkQueue();
 void FreeWorkItem(WORK_ITEM* item);
 
 // Creates the engine thread's events and the thread and waits up to 5000 ms
-// for it to run. Returns 0 or a Windows error code. Called by engine start-up.
+// for it to run; then wakes it once if events were queued before it ran.
+// Returns 0 or a Windows error code. Called by engine start-up.
 DWORD StartTolvaneThread();
 
-// Asks the engine thread to end, waits up to 10000 ms, frees what is still
-// queued unhandled and closes the thread's handles. Called by engine teardown.
-void StopTolvaneThread();
+// Asks the engine thread to end, waits up to 10000 ms and frees what is still
+// queued unhandled. True when no engine thread runs any more; its handles are
+// then closed. False when the wait ran out: the thread may still be inside a
+// plugin, so its handles stay open and nothing it uses may be released.
+// Called by engine teardown.
+bool StopTolvaneThread();
 
 // The engine thread: takes queued items one at a time, in arrival order, and
 // hands each to Tolvane_HandleEvents. The parameter is ignored.

@@ -15,3 +15,11 @@ LONG WINAPI OMKExceptionFilter(EXCEPTION_POINTERS* pointers);
 // "<minidump folder>\omkcrash_<UTC yyyymmddhhmmssmmm>.mdmp" into a buffer of
 // MAX_PATH characters; false when it cannot be made.
 bool GenetateUserModeMinidumpFilePath(wchar_t* buffer);
+
+// A dump call: writes a minidump of this process for `pointers` into `file`.
+typedef BOOL (*OMK_MINIDUMP_WRITER)(HANDLE file, EXCEPTION_POINTERS* pointers);
+
+// Makes the filter's dump call `writer` under a structured exception guard and
+// logs its outcome: written, failed with its last error, or the code of an
+// exception raised inside it. True when written. Crashing thread.
+bool WriteMinidumpReported(OMK_MINIDUMP_WRITER writer, HANDLE file, EXCEPTION_POINTERS* pointers);

@@ -21,6 +21,13 @@ SERVICE_STATUS g_lastServiceStatus = {};
 std::mutex g_serviceStatusLock;
 DWORD g_checkPoint = 1;
 
+// A stop or shutdown control may arrive again while the stop sequence runs.
+// This lock orders it against the end of that sequence, so that the handler
+// neither sets the stop event after it was closed nor reports stop pending
+// after stopped was sent.
+std::mutex g_stopControlLock;
+bool g_stoppedReported = false;
+
 const char* ControlName(DWORD control) {
     return control == SERVICE_CONTROL_STOP ? "SERVICE_CONTROL_STOP" : "SERVICE_CONTROL_SHUTDOWN";
 }
@@ -55,10 +62,12 @@ DWORD WINAPI ServiceCtrlHandlerEx(DWORD control, DWORD /*eventType*/, LPVOID /*e
         case SERVICE_CONTROL_SHUTDOWN: {
             const char* name = ControlName(control);
             OMK_ReportError(0, L"%hs(%hs) ...", "ServiceCtrlHandlerEx", name);
+            std::lock_guard<std::mutex> stopping(g_stopControlLock);
+            if (g_stoppedReported) return NO_ERROR;
             DWORD result = ReportStatusToSCMgr(SERVICE_STOP_PENDING, 0, kStopWaitHintMs);
             if (result != 0) {
-                OMK_ReportError(0, L"%hs(%hs): SetServiceStatus(SERVICE_STOP_PENDING) err=%lu!",
-                                "ServiceCtrlHandlerEx", name, result);
+                OMK_ReportError(0, L"%hs(%hs): SetServiceStatus(SERVICE_STOP_PENDING) err=%lu!", "ServiceCtrlHandlerEx",
+                                name, result);
             }
             if (g_ServiceStopEvent != nullptr && !SetEvent(g_ServiceStopEvent)) {
                 OMK_ReportError(0, L"%hs(%hs): SetEvent(%hs) err=%lu!", "ServiceCtrlHandlerEx", name,
@@ -154,10 +163,12 @@ void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/) {
     OMK_ReportError(0, L"Stops %ls %hs.", OMK_SERVICE_NAME, OMK_PRODUCT_VERSION_TEXT);
     Tolvane_Term();
     StopComServerThread();
+    std::lock_guard<std::mutex> stopping(g_stopControlLock);
     if (g_ServiceStopEvent != nullptr) {
         CloseHandle(g_ServiceStopEvent);
         g_ServiceStopEvent = nullptr;
     }
     OMK_ReportError(0, L"%ls %hs has stopped.", OMK_SERVICE_NAME, OMK_PRODUCT_VERSION_TEXT);
     ReportStatusToSCMgr(SERVICE_STOPPED, exitCode, 0);
+    g_stoppedReported = true;
 }

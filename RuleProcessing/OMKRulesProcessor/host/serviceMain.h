@@ -19,5 +19,6 @@ DWORD ReportStatusToSCMgr(DWORD state, DWORD exitCode, DWORD waitHint);
 // Dispatcher thread: the service's entry; arguments are ignored.
 void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);
 
-// Dispatcher thread: stop and shutdown set the stop event and return at once.
+// Dispatcher thread: stop and shutdown set the stop event and return at once;
+// once the service has reported itself stopped they change nothing.
 DWORD WINAPI ServiceCtrlHandlerEx(DWORD control, DWORD eventType, LPVOID eventData, LPVOID context);

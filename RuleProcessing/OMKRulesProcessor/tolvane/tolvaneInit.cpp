@@ -38,8 +38,7 @@ void Tolvane_ForgetStepsForTest() {
 DWORD CreateAlertGeneratedEvent() {
     g_alertGeneratedEvent = nullptr;
     PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(kAlertEventSddl, SDDL_REVISION_1, &descriptor,
-                                                              nullptr)) {
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(kAlertEventSddl, SDDL_REVISION_1, &descriptor, nullptr)) {
         DWORD error = GetLastError();
         OMK_ReportError(0, L"%hs: ConvertStringSecurityDescriptorToSecurityDescriptorW() err=%lu",
                         "CreateAlertGeneratedEvent", error);
@@ -65,8 +64,7 @@ void CloseAlertGeneratedEvent() {
 }
 
 DWORD Tolvane_Init() {
-    InitializeCriticalSection(&g_workQueueLock);
-    g_workQueueLockReady = 1;
+    InitWorkQueueLock();
 
     // Without a failure code the engine runs on without the event.
     if (CreateAlertGeneratedEvent() != 0) return 1;
@@ -118,8 +116,14 @@ DWORD Tolvane_Init() {
 }
 
 DWORD Tolvane_Term() {
-    // No plugin may be running while it is closed or unloaded.
-    StopTolvaneThread();
+    // No plugin may be running while it is closed or unloaded. An engine thread
+    // that outlived the stop wait may be inside a plugin or the database still:
+    // then nothing it uses is released (plugins, rules, the database library,
+    // the alert event, the queue lock), and the process exit takes them.
+    if (!StopTolvaneThread()) {
+        OMK_ReportError(0, L"Tolvane_Term: engine thread still running, plugins left loaded");
+        return 0;
+    }
     // Every close entry point runs before any module is unloaded, actions first.
     if (g_actionPluginsInited) CloseActionPlugins();
     if (g_rulePluginsInited) CloseRulePlugins();
@@ -128,9 +132,6 @@ DWORD Tolvane_Term() {
     if (g_rulesLoaded) FreeRuleDefinitions();
     if (g_sqliteReady) FreeSqliteLib();
     CloseAlertGeneratedEvent();
-    if (g_workQueueLockReady) {
-        DeleteCriticalSection(&g_workQueueLock);
-        g_workQueueLockReady = 0;
-    }
+    DeleteWorkQueueLock();
     return 0;
 }

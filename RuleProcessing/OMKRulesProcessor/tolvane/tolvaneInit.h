@@ -15,7 +15,8 @@ extern HANDLE g_alertGeneratedEvent;
 DWORD Tolvane_Init();
 
 // Undoes what Tolvane_Init did, also after a failed or absent Tolvane_Init.
-// Always 0.
+// When the engine thread does not end within the stop wait, it releases
+// nothing and leaves it all to the process exit. Always 0.
 DWORD Tolvane_Term();
 
 // The alert-generated event: administrators and LocalSystem may set it,

@@ -9,8 +9,13 @@
 
 namespace {
 
+#ifdef OMK_TEST_SEAMS
 PFN_ALERT_GET_LOCAL_TIME g_getLocalTime = GetLocalTime;
 PFN_ALERT_GET_TIME_ZONE g_getTimeZoneInformation = GetTimeZoneInformation;
+#else
+const PFN_ALERT_GET_LOCAL_TIME g_getLocalTime = GetLocalTime;
+const PFN_ALERT_GET_TIME_ZONE g_getTimeZoneInformation = GetTimeZoneInformation;
+#endif
 
 const wchar_t* OrNull(const wchar_t* text) {
     return text != nullptr ? text : L"null";
@@ -43,10 +48,12 @@ int UtcOffsetMinutes() {
 
 }  // namespace
 
+#ifdef OMK_TEST_SEAMS
 void Alert_SetClock(PFN_ALERT_GET_LOCAL_TIME getLocalTime, PFN_ALERT_GET_TIME_ZONE getTimeZoneInformation) {
     g_getLocalTime = getLocalTime != nullptr ? getLocalTime : GetLocalTime;
     g_getTimeZoneInformation = getTimeZoneInformation != nullptr ? getTimeZoneInformation : GetTimeZoneInformation;
 }
+#endif
 
 int Rule_Alert_WriteHeader(XMLLOG_HANDLE* handle, const RULE* rule, const wchar_t* message) {
     wchar_t text[1024];

@@ -20,10 +20,12 @@ int Rule_Alert_WriteHeader(XMLLOG_HANDLE* handle, const RULE* rule, const wchar_
 // `rule` names the rule in reports and may be null. 1 or 0.
 int Alert_AddData(XMLLOG_HANDLE* handle, const RULE* rule, const wchar_t* tag, const wchar_t* value);
 
-// Where Rule_Alert_WriteHeader takes the local time and the time-zone
-// information from: GetLocalTime and GetTimeZoneInformation unless replaced.
-// Tests choose the time, the bias and the query's result here; a null
-// argument restores the system's function. Engine thread only.
 typedef void(WINAPI* PFN_ALERT_GET_LOCAL_TIME)(LPSYSTEMTIME);
 typedef DWORD(WINAPI* PFN_ALERT_GET_TIME_ZONE)(LPTIME_ZONE_INFORMATION);
+#ifdef OMK_TEST_SEAMS
+// Test builds only: where Rule_Alert_WriteHeader takes the local time and the
+// time-zone information from (GetLocalTime and GetTimeZoneInformation unless
+// replaced). Tests choose the time, the bias and the query's result here; a
+// null argument restores the system's function. Engine thread only.
 void Alert_SetClock(PFN_ALERT_GET_LOCAL_TIME getLocalTime, PFN_ALERT_GET_TIME_ZONE getTimeZoneInformation);
+#endif

@@ -342,9 +342,11 @@ CDef& CDef::GetInstance() {
     return instance;
 }
 
+#ifdef OMK_TEST_SEAMS
 void CDef::ResetForTest() {
     GetInstance().Compute();
 }
+#endif
 
 void CDef::Compute() {
     wchar_t* const members[] = {SYSTEMDRIVE,

@@ -20,10 +20,12 @@ public:
     // to the debugger output and leave members empty or fall back, never stop.
     static CDef& GetInstance();
 
-    // Tests only: empties and recomputes the instance in place, after a test has
-    // changed the registry or the environment it is computed from. Production code
-    // never calls it; no other thread may read the members meanwhile.
+#ifdef OMK_TEST_SEAMS
+    // Test builds only: empties and recomputes the instance in place, after a test
+    // has changed the registry or the environment it is computed from. No other
+    // thread may read the members meanwhile.
     static void ResetForTest();
+#endif
 
     wchar_t SYSTEMDRIVE[OMK_PATH_CHARS];              // %SystemDrive%
     wchar_t FOLDER_PROGRAMDATA[OMK_PATH_CHARS];       // %ProgramData%

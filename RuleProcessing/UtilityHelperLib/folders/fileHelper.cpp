@@ -36,6 +36,9 @@ DWORD CFileHelper::MakeDirectory(const wchar_t* path, LPSECURITY_ATTRIBUTES secu
             if (part.back() == L':' || part.back() == L'\\' || IsDirectory(part.c_str())) continue;
             if (!CreateDirectoryW(part.c_str(), securityAttributes)) {
                 DWORD error = GetLastError();
+                // A part that appeared meanwhile counts only if it is a folder:
+                // a file of that name makes the path unusable.
+                if (error == ERROR_ALREADY_EXISTS && !IsDirectory(part.c_str())) return ERROR_DIRECTORY;
                 if (error != ERROR_ALREADY_EXISTS) return error;
             }
         }

@@ -32,8 +32,13 @@ IDENTITY_RESULT Failure(DWORD error) {
 SRWLOCK g_tableLock = SRWLOCK_INIT;
 std::vector<BYTE> g_table;
 bool g_tableCached = false;
+#ifdef OMK_TEST_SEAMS
 SMBIOS_FIRMWARE_READER g_firmwareReader = nullptr;
 COMPUTER_NAME_READER g_computerNameReader = nullptr;
+#else
+constexpr SMBIOS_FIRMWARE_READER g_firmwareReader = nullptr;
+constexpr COMPUTER_NAME_READER g_computerNameReader = nullptr;
+#endif
 
 UINT CallFirmware(PVOID buffer, DWORD bytes) {
     SMBIOS_FIRMWARE_READER reader = g_firmwareReader != nullptr ? g_firmwareReader : GetSystemFirmwareTable;
@@ -163,6 +168,7 @@ std::string GetServiceTag() {
     }
 }
 
+#ifdef OMK_TEST_SEAMS
 void SetServiceTagSourcesForTest(SMBIOS_FIRMWARE_READER firmware, COMPUTER_NAME_READER computerName) {
     AcquireSRWLockExclusive(&g_tableLock);
     g_firmwareReader = firmware;
@@ -171,3 +177,4 @@ void SetServiceTagSourcesForTest(SMBIOS_FIRMWARE_READER firmware, COMPUTER_NAME_
     g_tableCached = false;
     ReleaseSRWLockExclusive(&g_tableLock);
 }
+#endif

@@ -48,13 +48,16 @@ IDENTITY_RESULT SmbiosString(const BYTE* strings, const BYTE* end, BYTE number);
 // name gives 232, a failure the last error.
 IDENTITY_RESULT ReadComputerName();
 
-// Test seam: replaces the firmware call (same contract as GetSystemFirmwareTable)
-// and the computer-name call (same contract as GetComputerNameA) that the
-// service tag is read from, and empties the firmware table cache, so the next
-// GetServiceTag reads again. Null restores the real call. Tests only.
 typedef UINT(WINAPI* SMBIOS_FIRMWARE_READER)(DWORD provider, DWORD tableId, PVOID buffer, DWORD bufferBytes);
 typedef BOOL(WINAPI* COMPUTER_NAME_READER)(LPSTR buffer, LPDWORD chars);
+#ifdef OMK_TEST_SEAMS
+// Test builds only: replaces the firmware call (same contract as
+// GetSystemFirmwareTable) and the computer-name call (same contract as
+// GetComputerNameA) that the service tag is read from, and empties the
+// firmware table cache, so the next GetServiceTag reads again. Null restores
+// the real call.
 void SetServiceTagSourcesForTest(SMBIOS_FIRMWARE_READER firmware, COMPUTER_NAME_READER computerName);
+#endif
 
 // ---------------------------------------------------------------------------
 // Model and chassis class
@@ -87,7 +90,8 @@ int GetChassisType();
 // Maps one raw SMBIOS/WMI chassis type value to CT_DESKTOP, CT_LAPTOP or CT_UNKNOWN.
 int MapChassisType(DWORD rawChassisType);
 
-// Test seam for whatever depends on the machine's identity (such as the rule
+#ifdef OMK_TEST_SEAMS
+// Test builds only, for whatever depends on the machine's identity (such as the rule
 // platform filter): while set, GetModel and GetChassisType use these values
 // instead of asking WMI, and treat them exactly as read values (trailing
 // spaces removed, raw chassis value mapped and reported). A null `model` makes
@@ -97,3 +101,4 @@ int MapChassisType(DWORD rawChassisType);
 void SetModelForTest(const wchar_t* model);
 void SetChassisTypeForTest(DWORD rawChassisType);
 void ClearMachineIdentityForTest();
+#endif

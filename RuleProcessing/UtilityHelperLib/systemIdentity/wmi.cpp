@@ -21,13 +21,22 @@ const wchar_t kCimNamespace[] = L"ROOT\\CIMV2";
 // WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY
 constexpr LONG kQueryFlags = 0x30;
 
-// Test replacements of the WMI values, guarded by g_overrideLock.
+// Test replacements of the WMI values, guarded by g_overrideLock; constant
+// (no replacement) outside test builds.
 SRWLOCK g_overrideLock = SRWLOCK_INIT;
+#ifdef OMK_TEST_SEAMS
 bool g_modelOverridden = false;
 bool g_modelReadable = false;
 wchar_t g_modelOverride[OMK_MODEL_CHARS];
 bool g_chassisOverridden = false;
 DWORD g_chassisOverride = 0;
+#else
+constexpr bool g_modelOverridden = false;
+constexpr bool g_modelReadable = false;
+constexpr wchar_t g_modelOverride[1] = L"";
+constexpr bool g_chassisOverridden = false;
+constexpr DWORD g_chassisOverride = 0;
+#endif
 
 template <typename T>
 void ReleaseAndClear(T** pointer) {
@@ -301,6 +310,7 @@ int GetChassisType() {
     return CT_DESKTOP;
 }
 
+#ifdef OMK_TEST_SEAMS
 void SetModelForTest(const wchar_t* model) {
     AcquireSRWLockExclusive(&g_overrideLock);
     g_modelOverridden = true;
@@ -322,3 +332,4 @@ void ClearMachineIdentityForTest() {
     g_chassisOverridden = false;
     ReleaseSRWLockExclusive(&g_overrideLock);
 }
+#endif

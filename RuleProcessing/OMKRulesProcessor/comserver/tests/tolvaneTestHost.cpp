@@ -1,28 +1,18 @@
-// tolvaneTestHost: serves the Tolvane class the way the service does (COM
-// server thread and engine thread over the real queue), with a
-// Tolvane_HandleEvents that writes each item it is given to a record file.
-//
-//   tolvaneTestHost <name> <record file> <error log name> [engine-later]
-//
-// The test drives it through the manual-reset events Local\<name>.ready (set
-// by the host once it serves), .engine (start the engine thread, with
-// engine-later) and .stop (stop as the service does: engine, then COM server).
-// Started by COM from its LocalServer32 registration ("-Embedding"), it runs
-// under the name tolvaneTestHost-embedded, recording into
-// %TEMP%\tolvaneTestHost-embedded.txt. As a Windows service:
-//
-//   tolvaneTestHost service <service name> <record file> <error log name>
-//
-// it serves from ServiceMain until the service manager stops it.
+// tolvaneTestHost: serves Tolvane as the service does (COM server thread and
+// engine thread over the real queue) and records the kind of each item handled.
+//   tolvaneTestHost <name> <record file> <error log name>: driven through the
+//     manual-reset events Local\<name>.ready (it serves), .stop (stop as the
+//     service does, then record "stopped") and .exit; its main thread stays in
+//     the multithreaded apartment throughout, as other service threads may.
+//   tolvaneTestHost -Embedding: started by COM, as tolvaneTestHost-embedded,
+//     recording into %TEMP%\tolvaneTestHost-embedded.txt.
+//   tolvaneTestHost service <service name> <record file> <error log name>.
 #include <windows.h>
 
-#include <mutex>
 #include <string>
 
 #include "comServer.h"
 #include "conventions.h"
-#include "engineTestSupport.h"
-#include "hostRecord.h"
 #include "omkErrors.h"
 #include "workQueue.h"
 
@@ -32,47 +22,28 @@ namespace {
 constexpr DWORD kLifetimeMs = 180000;
 
 HANDLE g_record = INVALID_HANDLE_VALUE;
-std::mutex g_recordLock;
 
+// One line; the file is opened for appending, so each write lands whole.
 void WriteRecord(const std::string& line) {
-    std::lock_guard<std::mutex> guard(g_recordLock);
     std::string text = line + "\n";
     DWORD written = 0;
     WriteFile(g_record, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
 }
 
-// True when bytes [from, to) of the item all hold the fill byte.
-std::string FillState(const WORK_ITEM* item, size_t from, size_t to) {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(item);
-    for (size_t i = from; i < to; ++i) {
-        if (bytes[i] != OMK_FILL_BYTE) return "bad";
-    }
-    return "ok";
-}
-
 HANDLE HostEvent(const std::wstring& name, const wchar_t* which) {
-    return CreateEventW(nullptr, TRUE, FALSE, hostrecord::EventName(name, which).c_str());
+    return CreateEventW(nullptr, TRUE, FALSE, (L"Local\\" + name + L"." + which).c_str());
 }
 
 }  // namespace
 
+// "item kind=<kind>"; a summary item also tells whether it is all '$' after its link.
 void Tolvane_HandleEvents(WORK_ITEM* item) {
-    using namespace hostrecord;
-    std::string line = "item tid=" + std::to_string(GetCurrentThreadId()) + " alloc=" + std::to_string(g_allocCount) +
-                       " kind=" + std::to_string(item->kind);
+    std::string line = "item kind=" + std::to_string(item->kind);
     if (item->kind == WORK_SUMMARY_CREATED) {
-        line += " fill=" + FillState(item, offsetof(WORK_ITEM, u), sizeof(WORK_ITEM));
-    } else if (item->kind == WORK_RULE_TRIGGERED) {
-        const auto& rule = item->u.ruleTriggered;
-        line += " plugin=" + RecordText(rule.rulePluginId) + " guid=" + RecordText(rule.ruleGuid) +
-                " tag=" + RecordText(rule.dataItemsEnclosingXmlTag) + " n=" + std::to_string(rule.numDataItems) +
-                " names=" + RecordArray(rule.dataItemName) + " vals=" + RecordArray(rule.dataItemVal);
-    } else if (item->kind == WORK_PERIODIC_DATA) {
-        const auto& periodic = item->u.periodicData;
-        line += " code=" + std::to_string(periodic.code) + " sub=" + std::to_string(periodic.subCode) +
-                " ts=" + std::to_string(periodic.timeStamp) + " len=" + std::to_string(periodic.dataLen) +
-                " data=" + RecordBytes(periodic.data, periodic.dataLen) +
-                " fill=" + FillState(item, offsetof(WORK_ITEM, u.periodicData.unused), sizeof(WORK_ITEM));
+        const auto* bytes = reinterpret_cast<const unsigned char*>(item);
+        size_t at = offsetof(WORK_ITEM, u);
+        while (at < sizeof(WORK_ITEM) && bytes[at] == OMK_FILL_BYTE) ++at;
+        line += at == sizeof(WORK_ITEM) ? " fill=ok" : " fill=bad";
     }
     WriteRecord(line);
 }
@@ -83,7 +54,7 @@ struct HostOptions {
     std::wstring name;
     std::wstring recordPath;
     std::wstring logName;
-    bool engineLater = false;
+    bool lingers;  // waits for .exit after stopping
 };
 
 HostOptions g_options;
@@ -101,45 +72,33 @@ void ReportServiceState(DWORD state) {
 // Serves until the stop event is set; returns the process exit code.
 int RunHost(const HostOptions& options) {
     OMK_SetErrorLogName(options.logName.c_str());
-    g_record = CreateFileW(options.recordPath.c_str(), GENERIC_WRITE,
+    g_record = CreateFileW(options.recordPath.c_str(), FILE_APPEND_DATA,
                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, CREATE_ALWAYS, 0, nullptr);
     if (g_record == INVALID_HANDLE_VALUE) return 2;
     HANDLE ready = HostEvent(options.name, L"ready");
-    HANDLE engine = HostEvent(options.name, L"engine");
     HANDLE stop = HostEvent(options.name, L"stop");
+    HANDLE exit = HostEvent(options.name, L"exit");
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
 
-    // What engine start-up does before anything can be queued.
-    omktest::InitWorkQueueLock();
+    InitWorkQueueLock();
     DWORD error = StartComServerThread();
     if (error != 0) {
         WriteRecord("failed com=" + std::to_string(error));
         return 3;
     }
-    if (!options.engineLater) {
-        error = StartTolvaneThread();
-        WriteRecord("engine tid=" + std::to_string(g_TolvaneThreadId) + " start=" + std::to_string(error));
-    }
-    WriteRecord("host pid=" + std::to_string(GetCurrentProcessId()) + " com=" + std::to_string(g_ComServerThreadId));
+    error = StartTolvaneThread();
+    WriteRecord("host pid=" + std::to_string(GetCurrentProcessId()) + " engine=" + std::to_string(error));
     if (g_serviceStatus != nullptr) ReportServiceState(SERVICE_RUNNING);
     SetEvent(ready);
-
-    const HANDLE startOrStop[2] = {engine, stop};
-    if (options.engineLater && WaitForMultipleObjects(2, startOrStop, FALSE, kLifetimeMs) == WAIT_OBJECT_0) {
-        error = StartTolvaneThread();
-        WriteRecord("engine tid=" + std::to_string(g_TolvaneThreadId) + " start=" + std::to_string(error));
-    }
     if (WaitForSingleObject(stop, kLifetimeMs) != WAIT_OBJECT_0) WriteRecord("lifetime over");
 
     // The service's order: engine teardown first, then the COM server.
-    DWORD start = GetTickCount();
     StopTolvaneThread();
-    omktest::DeleteWorkQueueLock();
-    DWORD engineMs = GetTickCount() - start;
-    start = GetTickCount();
+    DeleteWorkQueueLock();
     StopComServerThread();
-    DWORD comMs = GetTickCount() - start;
-    WriteRecord("stopped engine=" + std::to_string(engineMs) + " com=" + std::to_string(comMs) +
-                " alloc=" + std::to_string(g_allocCount));
+    WriteRecord("stopped alloc=" + std::to_string(g_allocCount));
+    if (options.lingers) WaitForSingleObject(exit, kLifetimeMs);
+    CoUninitialize();
     CloseHandle(g_record);
     return 0;
 }
@@ -167,19 +126,18 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
 
 int wmain(int argc, wchar_t** argv) {
     if (argc == 2 && (_wcsicmp(argv[1], L"-Embedding") == 0 || _wcsicmp(argv[1], L"/Embedding") == 0)) {
-        g_options.name = L"tolvaneTestHost-embedded";
         wchar_t temp[MAX_PATH];
         GetTempPathW(MAX_PATH, temp);
-        g_options.recordPath = std::wstring(temp) + g_options.name + L".txt";
-        g_options.logName = g_options.name + L".txt";
-        return RunHost(g_options);
-    }
-    if (argc == 5 && wcscmp(argv[1], L"service") == 0) {
+        const std::wstring name = L"tolvaneTestHost-embedded";
+        g_options = HostOptions{name, std::wstring(temp) + name + L".txt", name + L".txt", false};
+    } else if (argc == 5 && wcscmp(argv[1], L"service") == 0) {
         g_options = HostOptions{argv[2], argv[3], argv[4], false};
         SERVICE_TABLE_ENTRYW services[] = {{&g_options.name[0], ServiceMain}, {nullptr, nullptr}};
         return StartServiceCtrlDispatcherW(services) ? 0 : static_cast<int>(GetLastError());
+    } else if (argc == 4) {
+        g_options = HostOptions{argv[1], argv[2], argv[3], true};
+    } else {
+        return 87;
     }
-    if (argc < 4) return 87;
-    g_options = HostOptions{argv[1], argv[2], argv[3], argc > 4 && wcscmp(argv[4], L"engine-later") == 0};
     return RunHost(g_options);
 }

@@ -9,17 +9,6 @@
 
 namespace omktest {
 
-void InitWorkQueueLock() {
-    InitializeCriticalSection(&g_workQueueLock);
-    g_workQueueLockReady = 1;
-}
-
-void DeleteWorkQueueLock() {
-    if (g_workQueueLockReady == 0) return;
-    DeleteCriticalSection(&g_workQueueLock);
-    g_workQueueLockReady = 0;
-}
-
 wchar_t* CountedCopy(const wchar_t* text) {
     size_t chars = wcslen(text) + 1;
     auto* copy = static_cast<wchar_t*>(malloc(chars * sizeof(wchar_t)));

@@ -1,5 +1,4 @@
-// What programs that run the queue need: the queue lock set up and taken down
-// the way engine start-up and teardown do it, work items built the way the COM
+// What programs that run the queue need: work items built the way the COM
 // methods build them, and a reader of the debugger output so that trace lines
 // can be asserted.
 #pragma once
@@ -12,15 +11,13 @@
 #include <vector>
 
 #include "omkPluginSdk.h"
+#include "workQueue.h"
 
 namespace omktest {
 
-// The first step of engine start-up: the queue lock exists and items can be
-// queued. Call once before anything is queued.
-void InitWorkQueueLock();
-
-// The last step of engine teardown: the lock is deleted and the flag cleared.
-void DeleteWorkQueueLock();
+// The queue lock is made and deleted as engine start-up and teardown do it.
+using ::DeleteWorkQueueLock;
+using ::InitWorkQueueLock;
 
 // Heap blocks of a work item as the producers allocate them: filled with 0x24
 // bytes first and counted in g_allocCount, so FreeWorkItem balances them.
@@ -29,8 +26,7 @@ WORK_ITEM* NewWorkItem(unsigned int kind);
 // What a collector's Tolvane_RuleTriggered queues. Without data items the
 // item has no tag and no arrays.
 WORK_ITEM* RuleTriggeredItem(const wchar_t* pluginId, const wchar_t* guid, const wchar_t* tag = nullptr,
-                             const std::vector<std::wstring>& names = {},
-                             const std::vector<std::wstring>& values = {});
+                             const std::vector<std::wstring>& names = {}, const std::vector<std::wstring>& values = {});
 
 // One line written with OutputDebugString, and the process that wrote it.
 struct TraceLine {

@@ -1,6 +1,7 @@
 // The service host's functions in this process: the setup state from the
 // registry and from State.ini, status reports and controls without the service
-// manager, and the crash filter on exception records made here.
+// manager, the crash filter on exception records made here, and the shipped
+// executable's contents.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -16,86 +17,70 @@
 namespace {
 
 const wchar_t kSetupStateKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Setup\\State";
-const std::wstring kStateFolder = L"C:\\windows\\Setup\\State";
-const std::wstring kStateIni = kStateFolder + L"\\State.ini";
+const std::wstring kStateIni = L"C:\\windows\\Setup\\State\\State.ini";
 
-class SetupState : public ::testing::Test {
-protected:
-    void SetUp() override {
-        RegDeleteKeyW(HKEY_LOCAL_MACHINE, kSetupStateKey);
-        CreateDirectoryW(L"C:\\windows\\Setup", nullptr);
-        CreateDirectoryW(kStateFolder.c_str(), nullptr);
-        DeleteFileW(kStateIni.c_str());
-    }
-    void TearDown() override {
-        RegDeleteKeyW(HKEY_LOCAL_MACHINE, kSetupStateKey);
-        DeleteFileW(kStateIni.c_str());
-    }
-    void WriteIni(const std::string& imageStateLine) {
-        ASSERT_TRUE(omktest::WriteFileBytes(kStateIni, "[State]\r\n" + imageStateLine + "\r\n"));
-    }
-    DWORD Get() {
-        wmemset(state_, L'#', MAX_PATH);
-        return GetWindowsSetupState(state_);
-    }
-    wchar_t state_[MAX_PATH];
-};
-
-TEST_F(SetupState, TheRegistryValueComesFirstAndAnEmptyOneFallsBackToStateIni) {
+TEST(SetupState, TheRegistryStringComesFirstElseStateIni) {
+    CreateDirectoryW(L"C:\\windows\\Setup", nullptr);
+    CreateDirectoryW(L"C:\\windows\\Setup\\State", nullptr);
     EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), GetWindowsSetupState(nullptr));
-    WriteIni("ImageState=IMAGE_STATE_COMPLETE");
-    {
+    struct Case {
+        const wchar_t* registry;  // null: no key; "#": a DWORD value
+        const char* ini;          // null: no file
+        const wchar_t* state;     // null: a failure status
+    };
+    // Nothing read from State.ini is no failure of its own: the caller logs the empty text.
+    const Case cases[] = {
+        {L"", "ImageState=IMAGE_STATE_COMPLETE", L"IMAGE_STATE_COMPLETE"},
+        {L"#", "ImageState=IMAGE_STATE_COMPLETE", L"IMAGE_STATE_COMPLETE"},
+        {nullptr, "ImageState=", L""},
+        {nullptr, "OtherKey=IMAGE_STATE_COMPLETE", L""},
+        {nullptr, nullptr, nullptr},
+    };
+    for (const Case& c : cases) {
+        DeleteFileW(kStateIni.c_str());
+        if (c.ini != nullptr) omktest::WriteFileBytes(kStateIni, std::string("[State]\r\n") + c.ini + "\r\n");
         omktest::ScopedRegKey key(HKEY_LOCAL_MACHINE, kSetupStateKey);
-        key.SetString(L"ImageState", L"IMAGE_STATE_UNDEPLOYABLE");
-        EXPECT_EQ(0u, Get());
-        EXPECT_STREQ(L"IMAGE_STATE_UNDEPLOYABLE", state_);
-
-        key.SetString(L"ImageState", L"");
-        EXPECT_EQ(0u, Get());
-        EXPECT_STREQ(L"IMAGE_STATE_COMPLETE", state_) << "an empty value is no answer";
-
-        // Only a string value counts.
-        key.SetDword(L"ImageState", 7);
-        EXPECT_EQ(0u, Get());
-        EXPECT_STREQ(L"IMAGE_STATE_COMPLETE", state_);
+        if (c.registry == nullptr) RegDeleteKeyW(HKEY_LOCAL_MACHINE, kSetupStateKey);
+        if (c.registry != nullptr)
+            c.registry[0] == L'#' ? key.SetDword(L"ImageState", 7) : key.SetString(L"ImageState", c.registry);
+        wchar_t state[MAX_PATH];
+        wmemset(state, L'#', MAX_PATH);
+        EXPECT_EQ(c.state != nullptr, GetWindowsSetupState(state) == 0) << omktest::ToUtf8(state);
+        EXPECT_STREQ(c.state != nullptr ? c.state : L"", state);
     }
-    EXPECT_EQ(0u, Get());
-    EXPECT_STREQ(L"IMAGE_STATE_COMPLETE", state_) << "no registry key";
-}
-
-TEST_F(SetupState, WithoutAnyStateTextTheBufferStaysEmpty) {
-    // Nothing read is not a failure of its own: the status is the last error,
-    // which an empty value leaves at 0 (the caller logs the empty text then).
-    WriteIni("ImageState=");
-    EXPECT_EQ(0u, Get());
-    EXPECT_EQ(L'\0', state_[0]);
-
-    WriteIni("OtherKey=IMAGE_STATE_COMPLETE");
-    Get();
-    EXPECT_EQ(L'\0', state_[0]);
-
     DeleteFileW(kStateIni.c_str());
-    EXPECT_NE(0u, Get()) << "neither registry value nor State.ini";
-    EXPECT_EQ(L'\0', state_[0]);
 }
 
-// Without the service manager: no status handle, no stop event.
-TEST(ServiceControlWithoutServiceManager, ReportsAndControlsFailSoftly) {
+// Without the service manager: no status handle, and ServiceMain fails at its
+// first step, going straight to the stop sequence.
+TEST(ServiceControlWithoutServiceManager, ReportsAndControlsFailSoftlyAndStopChangesNothingOnceStopped) {
     omktest::ErrorLog log(L"host_test.txt");
     ASSERT_EQ(nullptr, g_ServiceStatusHandle);
     EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_HANDLE), ReportStatusToSCMgr(SERVICE_RUNNING, 0, 0));
-
     EXPECT_EQ(0u, ServiceCtrlHandlerEx(SERVICE_CONTROL_INTERROGATE, 0, nullptr, nullptr));
-    EXPECT_TRUE(log.Contains("ServiceCtrlHandlerEx(SERVICE_CONTROL_INTERROGATE): g_ServiceStatusHandle is NULL!"))
-        << log.Since();
     EXPECT_EQ(static_cast<DWORD>(ERROR_CALL_NOT_IMPLEMENTED),
               ServiceCtrlHandlerEx(SERVICE_CONTROL_PARAMCHANGE, 0, nullptr, nullptr));
-
-    log.Mark();
     EXPECT_EQ(0u, ServiceCtrlHandlerEx(SERVICE_CONTROL_SHUTDOWN, 0, nullptr, nullptr));
-    EXPECT_TRUE(log.Contains("ServiceCtrlHandlerEx(SERVICE_CONTROL_SHUTDOWN) ...")) << log.Since();
-    EXPECT_TRUE(log.Contains("ServiceCtrlHandlerEx(SERVICE_CONTROL_SHUTDOWN): SetServiceStatus(SERVICE_STOP_PENDING) err=6!"))
-        << log.Since();
+    EXPECT_EQ((std::vector<std::string>{
+                  "ServiceCtrlHandlerEx(SERVICE_CONTROL_INTERROGATE): g_ServiceStatusHandle is NULL!",
+                  "ServiceCtrlHandlerEx(SERVICE_CONTROL_SHUTDOWN) ...",
+                  "ServiceCtrlHandlerEx(SERVICE_CONTROL_SHUTDOWN): SetServiceStatus(SERVICE_STOP_PENDING) err=6!",
+              }),
+              log.Messages());
+
+    // The stop sequence after a failed start: an engine teardown without an
+    // engine start only reports, the queue's lock missing once.
+    ServiceMain(0, nullptr);
+    const std::string stopped = log.Since();
+    ASSERT_TRUE(log.Contains("OMKRulesProcessor 1.0.0 has stopped.")) << stopped;
+    const size_t first = stopped.find("RemoveFromWorkQueue: crit sect not initialized !");
+    EXPECT_EQ(std::string::npos, stopped.find("RemoveFromWorkQueue: crit sect not initialized !", first + 1))
+        << stopped;
+    EXPECT_TRUE(log.Contains("CloseAlertGeneratedEvent: CloseHandle() err=")) << stopped;
+    log.Mark();
+    EXPECT_EQ(0u, ServiceCtrlHandlerEx(SERVICE_CONTROL_STOP, 0, nullptr, nullptr));
+    EXPECT_EQ((std::vector<std::string>{"ServiceCtrlHandlerEx(SERVICE_CONTROL_STOP) ..."}), log.Messages())
+        << "no stop pending after stopped";
 }
 
 // An exception record as the system would hand it to the filter.
@@ -123,32 +108,28 @@ protected:
     omktest::ErrorLog log_{L"host_test.txt"};
 };
 
-TEST_F(CrashFilter, OtherExceptionsPassTheVectoredHandlerUntouched) {
+TEST_F(CrashFilter, HeapCorruptionIsDumpedThroughTheVectoredHandlerAndOtherExceptionsPass) {
     FakeException access(EXCEPTION_ACCESS_VIOLATION, 2);
     EXPECT_EQ(EXCEPTION_CONTINUE_SEARCH, OMKVectoredExceptionHandler(&access.pointers));
     EXPECT_EQ("", log_.Since());
-}
 
-TEST_F(CrashFilter, HeapCorruptionIsLoggedAndDumpedThroughTheVectoredHandler) {
     FakeException heap(0xC0000374, 3);
     EXPECT_EQ(EXCEPTION_CONTINUE_SEARCH, OMKVectoredExceptionHandler(&heap.pointers));
     const std::string log = log_.Since();
     EXPECT_TRUE(log_.Contains("OMKExceptionFilter: EXCEPTION Code 0xc0000374, Flags 0x0, Address 0000000012345678"))
         << log;
-    EXPECT_TRUE(log_.Contains("OMKExceptionFilter: EXCEPTION Parameter/Argument[0] = 00000000000000A0")) << log;
     EXPECT_TRUE(log_.Contains("OMKExceptionFilter: EXCEPTION Parameter/Argument[2] = 00000000000000A2")) << log;
     EXPECT_FALSE(log_.Contains("Parameter/Argument[3]")) << log;
     EXPECT_TRUE(log_.Contains("OMKExceptionFilter: User-mode minidump has been written to %ls.")) << log;
 
-    const std::string prefix = "GenetateUserModeMinidumpFilePath: ";
-    size_t at = log.find(prefix);
+    // "<minidump folder>\omkcrash_<UTC time to the millisecond>.mdmp"
+    const std::string prefix = "GenetateUserModeMinidumpFilePath: " + omktest::ToUtf8(archive_) + "\\omkcrash_";
+    const size_t at = log.find(prefix);
     ASSERT_NE(std::string::npos, at) << log;
-    const std::string path = log.substr(at + prefix.size(), log.find_first_of("\r\n", at) - at - prefix.size());
-    const std::string folder = omktest::ToUtf8(archive_) + "\\omkcrash_";
-    ASSERT_EQ(folder, path.substr(0, folder.size())) << path;
-    EXPECT_EQ(17u + 5u, path.size() - folder.size()) << "UTC time to the millisecond and .mdmp: " << path;
-    EXPECT_EQ(".mdmp", path.substr(path.size() - 5));
-    const std::wstring dump = omktest::FromUtf8(path);
+    const std::string name = log.substr(at + prefix.size(), log.find_first_of("\r\n", at) - at - prefix.size());
+    EXPECT_EQ(17u, name.find_first_not_of("0123456789")) << name;
+    EXPECT_EQ(".mdmp", name.substr(17));
+    const std::wstring dump = archive_ + L"\\omkcrash_" + omktest::FromUtf8(name);
     EXPECT_EQ("MDMP", omktest::ReadFileBytes(dump).substr(0, 4));
     DeleteFileW(dump.c_str());
 }
@@ -160,10 +141,43 @@ TEST_F(CrashFilter, WithoutTheMinidumpFolderTheSystemHandlesTheException) {
     LONG result = OMKExceptionFilter(&access.pointers);
     MoveFileW(held.c_str(), archive_.c_str());
     EXPECT_EQ(EXCEPTION_EXECUTE_HANDLER, result);
-    EXPECT_TRUE(log_.Contains("OMKExceptionFilter: EXCEPTION Parameter/Argument[1] = 00000000000000A1")) << log_.Since();
+    EXPECT_TRUE(log_.Contains("OMKExceptionFilter: EXCEPTION Parameter/Argument[1] = 00000000000000A1"))
+        << log_.Since();
     EXPECT_TRUE(log_.Contains("OMKExceptionFilter: CreateFileW(" + omktest::ToUtf8(archive_) + "\\omkcrash_"))
         << log_.Since();
     EXPECT_TRUE(log_.Contains(".mdmp) failed! err=3")) << log_.Since();
+}
+
+TEST_F(CrashFilter, ADumpCallThatFaultsOrFailsIsReported) {
+    FakeException access(EXCEPTION_ACCESS_VIOLATION, 2);
+    OMK_MINIDUMP_WRITER faults = [](HANDLE, EXCEPTION_POINTERS*) -> BOOL {
+        RaiseException(EXCEPTION_ACCESS_VIOLATION, 0, 0, nullptr);
+        return TRUE;
+    };
+    OMK_MINIDUMP_WRITER fails = [](HANDLE, EXCEPTION_POINTERS*) -> BOOL {
+        SetLastError(ERROR_DISK_FULL);
+        return FALSE;
+    };
+    EXPECT_FALSE(WriteMinidumpReported(faults, nullptr, &access.pointers));
+    EXPECT_FALSE(WriteMinidumpReported(fails, nullptr, &access.pointers));
+    // The failure's argument list is the product's, one short: the error lands in the path's place.
+    EXPECT_EQ((std::vector<std::string>{"OMKExceptionFilter: GetExceptionCode() returns -1073741819 ???",
+                                        "OMKExceptionFilter: MiniDumpWriteDump(112) failed! err=%lu"}),
+              log_.Messages());
+}
+
+// The shipped executable, debug information included, holds none of the hooks
+// that test builds have.
+TEST(ShippedService, CarriesNoTestHook) {
+    const std::string service = omktest::ReadFileBytes(omktest::ProgramFolder() + L"\\OMKRulesProcessor.exe");
+    const std::string testBuild = omktest::ReadFileBytes(omktest::ProgramFolder() + L"\\tolvane_test.exe");
+    ASSERT_GT(service.size(), 100000u);
+    for (const char* hook :
+         {"Alert_SetClock", "ResetForTest", "SetServiceTagSourcesForTest", "SetModelForTest", "SetChassisTypeForTest",
+          "ClearMachineIdentityForTest", "Tolvane_ForgetStepsForTest", "g_handleEventsPauseMs"}) {
+        EXPECT_NE(std::string::npos, testBuild.find(hook)) << hook << " is a hook of the test build";
+        EXPECT_EQ(std::string::npos, service.find(hook)) << hook;
+    }
 }
 
 }  // namespace

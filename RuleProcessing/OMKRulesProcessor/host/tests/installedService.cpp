@@ -105,6 +105,7 @@ bool InstalledService::WaitForState(DWORD state, DWORD timeoutMs) const {
 bool InstalledService::Start() { return StartServiceW(service_, 0, nullptr) != FALSE; }
 
 bool InstalledService::StopAndWait(DWORD timeoutMs) {
+    if (service_ == nullptr) return true;  // closed for an uninstallation
     SERVICE_STATUS status;
     if (Status().dwCurrentState != SERVICE_STOPPED) ControlService(service_, SERVICE_CONTROL_STOP, &status);
     return WaitForState(SERVICE_STOPPED, timeoutMs);

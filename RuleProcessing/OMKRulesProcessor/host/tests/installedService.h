@@ -1,14 +1,13 @@
 // The product installed by its own installer into a folder of the test prefix,
-// and the service "OMKRulesProcessor" driven through the service manager: what
-// the end-to-end test programs share.
+// and the service "OMKRulesProcessor" driven through the service manager.
 #pragma once
 
 #include <windows.h>
 
-#include "tolvane.h"
-
 #include <string>
 #include <vector>
+
+#include "tolvane.h"
 
 namespace svctest {
 
@@ -24,10 +23,9 @@ DWORD RunInstaller(const wchar_t* action, const std::wstring& folder);
 // its own %ProgramData% (C:\users\Public under Wine) and that of this process.
 std::vector<std::wstring> ProductDataRoots();
 
-// The creation time of the newest alert in the service's alert database, 0 when none.
+// The creation time of the newest alert in the service's alert database (0:
+// none), and the XML of the alerts created after a time, oldest first.
 ULONGLONG LatestAlertTime();
-// The XML of the alerts created after `creationTime`, oldest first. (The
-// database keeps a fixed number of records, so counting them tells nothing.)
 std::vector<std::string> AlertsStoredAfter(ULONGLONG creationTime);
 
 // The service, opened for a test: its state, controls and what it logged.
@@ -76,6 +74,8 @@ public:
     // Tolvane_RuleTriggered for the collector rule plugin with one name=value data item.
     HRESULT RuleTriggered(const wchar_t* guid, const wchar_t* tag, const wchar_t* name, const wchar_t* value);
     HRESULT SummaryCreated();
+    // The proxy itself, for calls of any shape; null before Connect.
+    ITolvane* Get() const { return tolvane_; }
 
 private:
     bool initialised_ = false;

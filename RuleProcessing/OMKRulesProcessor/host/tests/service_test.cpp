@@ -1,13 +1,14 @@
-// The installed service under the real service manager: start and stop with
-// the states it reports, controls, the instance and argument guards, the setup
-// state in its log, a rule file that does not parse, stops with queued events
-// and with a client holding its reference, a collector's event from COM
-// activation of the stopped service to the stored alert, and the installed
-// product's road from the collector tool to uninstallation.
+// The installed service under the real service manager: hostile collector
+// calls from COM activation on, the states it reports, controls, the instance
+// and argument guards, a rule file that does not parse, the
+// installed product's road from the collector tool to uninstallation; then,
+// with a test rule plugin beside the product's, an event that arrives while the
+// engine starts, an engine too slow to stop, and a crash on the engine thread.
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,15 +19,18 @@
 namespace {
 
 using svctest::Collector;
-using svctest::InstalledService;
 
 // Short, because the plugin loaders read at most 129 characters of a path.
 const std::wstring kInstall = L"C:\\omksvc";
 const std::wstring kServiceExe = kInstall + L"\\OMKRulesProcessor.exe";
+const std::wstring kRules = kInstall + L"\\insvcAlerts.xml";
 const wchar_t kSetupStateKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Setup\\State";
-const wchar_t kAlertStoredEvent[] = L"Global\\{3F1C2A7E-5B44-4C19-9E0A-71D2B6C8E405}";
+// The sample rule file's disk rule, which has no limit per boot.
+const wchar_t kDiskRuleGuid[] = L"{0C4E8A21-5F6B-4D7C-8E9F-1A2B3C4D5E62}";
 
-bool Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
 class Service : public ::testing::Test {
 protected:
@@ -35,42 +39,142 @@ protected:
         svctest::RunInstaller(L"uninstall", kInstall);
         ASSERT_EQ(0u, svctest::RunInstaller(L"install", kInstall));
     }
-    static void TearDownTestSuite() { svctest::RunInstaller(L"uninstall", kInstall); }
+    // After a crash Wine's service manager believes the dead service runs: the
+    // test's CTest cleanup restarts the prefix's server and uninstalls then.
+    static void TearDownTestSuite() {
+        if (!crashed_) svctest::RunInstaller(L"uninstall", kInstall);
+    }
 
-    void SetUp() override { ASSERT_TRUE(service_.IsOpen()) << GetLastError(); }
-    void TearDown() override { service_.StopAndWait(); }
+    void SetUp() override {
+        ASSERT_TRUE(service_.IsOpen()) << GetLastError();
+        rules_ = omktest::ReadFileBytes(kRules);
+    }
+    void TearDown() override {
+        if (!crashed_) service_.StopAndWait();
+        omktest::WriteFileBytes(kRules, rules_);
+    }
 
     std::string LogSince() const { return service_.LogSince(); }
 
-    InstalledService service_;
+    svctest::InstalledService service_;
+    std::string rules_;
+    static bool crashed_;
 };
 
-TEST_F(Service, StartsAndStopsWithTheStatesItReports) {
-    // A complete setup state found in State.ini (no registry value) is not logged.
-    RegDeleteKeyW(HKEY_LOCAL_MACHINE, kSetupStateKey);
-    CreateDirectoryW(L"C:\\windows\\Setup", nullptr);
-    CreateDirectoryW(L"C:\\windows\\Setup\\State", nullptr);
-    const std::wstring stateIni = L"C:\\windows\\Setup\\State\\State.ini";
-    ASSERT_TRUE(omktest::WriteFileBytes(stateIni, "[State]\r\nImageState=IMAGE_STATE_COMPLETE\r\n"));
+bool Service::crashed_ = false;
 
-    ASSERT_TRUE(service_.Start()) << GetLastError();
-    ASSERT_TRUE(service_.WaitForState(SERVICE_RUNNING)) << LogSince();
-    DeleteFileW(stateIni.c_str());
-    SERVICE_STATUS running = service_.Status();
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS), running.dwServiceType);
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN), running.dwControlsAccepted);
-    EXPECT_EQ(0u, running.dwCheckPoint);
-    EXPECT_EQ(0u, running.dwWaitHint);
+// Started by COM activation, the service takes what any local process may
+// send: refused calls answer E_INVALIDARG with their message and queue
+// nothing, accepted ones are handled, and it lives through all of them, still
+// storing the alert of a well-formed call; then it reports its states, takes
+// controls, keeps a second instance out and stops.
+TEST_F(Service, ServesHostileCallsAndReportsItsStates) {
+    // A setup state short of complete is logged.
+    omktest::ScopedRegKey state(HKEY_LOCAL_MACHINE, kSetupStateKey);
+    state.SetString(L"ImageState", L"IMAGE_STATE_UNDEPLOYABLE");
+    ASSERT_EQ(static_cast<DWORD>(SERVICE_STOPPED), service_.Status().dwCurrentState);
+    const ULONGLONG latest = svctest::LatestAlertTime();
+    Collector collector;
+    ASSERT_EQ(S_OK, collector.Connect());
+    ASSERT_TRUE(service_.WaitForState(SERVICE_RUNNING));
+    EXPECT_TRUE(Contains(LogSince(), "OMKRulesProcessor: Windows Setup State IMAGE_STATE_UNDEPLOYABLE.")) << LogSince();
+    EXPECT_TRUE(Contains(LogSince(), "Starts OMKRulesProcessor 1.0.0.")) << LogSince();
+    const DWORD process = service_.ProcessId();
 
-    SERVICE_STATUS status;
+    // Everything the calls are made of, released at the end.
+    std::vector<BSTR> texts;
+    std::vector<SAFEARRAY*> arrays;
+    auto text = [&](const std::wstring& t) {
+        texts.push_back(SysAllocStringLen(t.data(), static_cast<UINT>(t.size())));
+        return texts.back();
+    };
+    auto array = [&](SAFEARRAY* a) { return arrays.push_back(a), a; };
+    auto strings = [&](const std::vector<std::wstring>& t, LONG lowerBound = 0) {
+        return array(omktest::BstrArray(t, lowerBound));
+    };
+    ITolvane* tolvane = collector.Get();
+    auto rule = [&, plugin = text(svctest::kCollectorPluginId)](BSTR guid, BSTR tag, SAFEARRAY* names,
+                                                                SAFEARRAY* values) {
+        return [=] { return tolvane->Tolvane_RuleTriggered(plugin, guid, tag, names, values); };
+    };
+    const std::wstring mega(1000000, L'M');
+    BSTR disk = text(kDiskRuleGuid);
+    BSTR tag = text(L"Disk");
+    SAFEARRAY* two = strings({L"a", L"b"});
+    SAFEARRAY* longs = array(SafeArrayCreateVector(VT_I4, 0, 2));
+    SAFEARRAYBOUND square[2] = {{2, 0}, {2, 0}};
+    struct Case {
+        std::function<HRESULT()> call;
+        HRESULT result;
+        const char* message;  // logged by the call itself; "" for none
+    };
+    const Case cases[] = {
+        {rule(disk, tag, longs, two), E_INVALIDARG,
+         "Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemNames) vartype 3 not supported"},
+        {rule(disk, tag, two, array(SafeArrayCreateVector(VT_VARIANT, 0, 2))), E_INVALIDARG,
+         "Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemVal) vartype 12 not supported"},
+        {rule(disk, tag, array(SafeArrayCreateVector(VT_UI1, 0, 2)), two), E_INVALIDARG,
+         "Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemNames) vartype 17 not supported"},
+        {rule(disk, tag, array(SafeArrayCreate(VT_BSTR, 2, square)), two), E_INVALIDARG,
+         "Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemNames) dim 2 not supported"},
+        {rule(disk, tag, two, strings({L"a"})), E_INVALIDARG, "Tolvane_RuleTriggered: numDataItem 2 != numDataVals 1"},
+        {rule(disk, tag, nullptr, two), E_INVALIDARG, ""},
+        {rule(nullptr, tag, two, two), S_OK, "OnRuleTriggered: null rulePluginId "},
+        {[&] { return tolvane->Tolvane_PeriodicDataGenerated(5, 6, 7, nullptr); }, E_INVALIDARG,
+         "CTolvane::Tolvane_PeriodicDataGenerated: LockPeriodicEntryData failed 0x80070057 (Code 0x5 SubCode 0x6)"},
+        {[&, a = array(SafeArrayCreate(VT_UI1, 2, square))] {
+             return tolvane->Tolvane_PeriodicDataGenerated(5, 6, 7, a);
+         },
+         E_INVALIDARG,
+         "CTolvane::Tolvane_PeriodicDataGenerated: LockPeriodicEntryData failed 0x80070057 (Code 0x5 SubCode 0x6)"},
+        // Accepted: the disk rule fires for each, and the engine writes what it got.
+        {rule(disk, tag, strings({}), strings({})), S_OK, ""},
+        {rule(disk, tag, strings({L"x", L"y"}, 5), strings({L"1", L"2"}, 5)), S_OK, ""},
+        {rule(disk, text(L"%s%n%ls%n"), strings({L"%s%n%ls", std::wstring(L"a\0b", 3), L"\xD800"}),
+              strings({L"%n%n%n%n", std::wstring(L"x\0y", 3), L"\xDC00z"})),
+         S_OK, ""},
+        {rule(disk, text(mega), strings({mega}), strings({mega})), S_OK, ""},
+        {rule(disk, tag, strings(std::vector<std::wstring>(1000000, L"n")),
+              strings(std::vector<std::wstring>(1000000, L"v"))),
+         S_OK, ""},
+        {[&] { return tolvane->Tolvane_PeriodicDataGenerated(4097, 1, 2, longs); }, S_OK, ""},
+    };
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
+        service_.MarkLogs();
+        EXPECT_EQ(cases[i].result, cases[i].call()) << "case " << i;
+        // Refused calls come first: nothing else is logging meanwhile.
+        if (cases[i].result != S_OK || cases[i].message[0] != '\0') {
+            const std::string log = LogSince();
+            EXPECT_TRUE(cases[i].message[0] == '\0' ? log.empty() : Contains(log, cases[i].message))
+                << "case " << i << ": " << log;
+        }
+    }
+    for (BSTR t : texts) SysFreeString(t);
+    for (SAFEARRAY* a : arrays) SafeArrayDestroy(a);
+
+    EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"4242"));
+    EXPECT_TRUE(omktest::WaitFor(
+        [&] {
+            std::vector<std::string> alerts = svctest::AlertsStoredAfter(latest);
+            return !alerts.empty() && Contains(alerts.back(), "4242");
+        },
+        120000))
+        << "the newest alert is the well-formed call's";
+    EXPECT_EQ(process, service_.ProcessId()) << "the same process served every call";
+    collector.Release();
+
+    service_.MarkLogs();
+    SERVICE_STATUS status = service_.Status();
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), status.dwCurrentState);
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS), status.dwServiceType);
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN), status.dwControlsAccepted);
+    EXPECT_EQ(0u, status.dwCheckPoint + status.dwWaitHint);
     EXPECT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_INTERROGATE, &status)) << GetLastError();
     EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), status.dwCurrentState);
     // A user-defined control reaches the handler, which refuses it with 120;
     // Wine's service manager does not hand that result to the caller reliably.
     ControlService(service_.Handle(), 200, &status);
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), service_.Status().dwCurrentState)
-        << "an unknown control changes nothing";
-
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), service_.Status().dwCurrentState) << "it changes nothing";
     // The process refuses a second instance and any argument, whatever the service does.
     EXPECT_EQ(0xFFFFFFFEu, omktest::RunProcess(L"\"" + kServiceExe + L"\""));
     EXPECT_EQ(0xFFFFFFFDu, omktest::RunProcess(L"\"" + kServiceExe + L"\" -debug"));
@@ -80,127 +184,30 @@ TEST_F(Service, StartsAndStopsWithTheStatesItReports) {
     EXPECT_EQ(12000u, status.dwWaitHint);
     ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 15000)) << "a stop completes within its wait hint";
     EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
-
-    std::string log = LogSince();
-    EXPECT_TRUE(Contains(log, "Starts OMKRulesProcessor ")) << log;
-    EXPECT_TRUE(Contains(log, "OMKRulesProcessor is running!")) << log;
-    EXPECT_TRUE(Contains(log, "OMKRulesProcessor process arguments (-debug) aren't allowed!")) << log;
-    EXPECT_TRUE(Contains(log, "ServiceCtrlHandlerEx(SERVICE_CONTROL_STOP) ...")) << log;
-    EXPECT_TRUE(Contains(log, "OMKRulesProcessor 1.0.0 has stopped.")) << log;
-    EXPECT_FALSE(Contains(log, "Setup State")) << log;
-}
-
-TEST_F(Service, AnUnfinishedSetupStateIsLoggedAndTheServiceStartsAnyway) {
-    omktest::ScopedRegKey state(HKEY_LOCAL_MACHINE, kSetupStateKey);
-    state.SetString(L"ImageState", L"IMAGE_STATE_UNDEPLOYABLE");
-    ASSERT_TRUE(service_.Start()) << GetLastError();
-    EXPECT_TRUE(service_.WaitForState(SERVICE_RUNNING)) << LogSince();
-    EXPECT_TRUE(Contains(LogSince(), "OMKRulesProcessor: Windows Setup State IMAGE_STATE_UNDEPLOYABLE.")) << LogSince();
-}
-
-TEST_F(Service, CollectorStartsTheStoppedServiceAndItsEventIsStored) {
-    ASSERT_EQ(static_cast<DWORD>(SERVICE_STOPPED), service_.Status().dwCurrentState);
-    const ULONGLONG latest = svctest::LatestAlertTime();
-    Collector collector;
-    ASSERT_EQ(S_OK, collector.Connect()) << "COM activation starts the service";
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), service_.Status().dwCurrentState);
-
-    HANDLE stored = OpenEventW(SYNCHRONIZE, FALSE, kAlertStoredEvent);
-    ASSERT_NE(nullptr, stored);
-    EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"812"));
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(stored, 30000)) << "the alert was stored and signalled";
-    CloseHandle(stored);
-    std::vector<std::string> alerts = svctest::AlertsStoredAfter(latest);
-    ASSERT_EQ(1u, alerts.size());
-    EXPECT_TRUE(Contains(alerts.back(), "812")) << alerts.back();
-}
-
-// The engine finishes the events it has taken, drops the rest, and the stop
-// still ends well within the stop's wait hint.
-TEST_F(Service, StopsWhileEventsAreQueued) {
-    Collector collector;
-    ASSERT_EQ(S_OK, collector.Connect());
-    const ULONGLONG latest = svctest::LatestAlertTime();
-    constexpr int kEvents = 4;  // the battery rule fires at most 5 times per start
-    for (int i = 0; i < kEvents; ++i) {
-        EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount",
-                                                std::to_wstring(900 + i).c_str()));
+    const std::string log = LogSince();
+    for (const char* line :
+         {"OMKRulesProcessor is running!", "OMKRulesProcessor process arguments (-debug) aren't allowed!",
+          "ServiceCtrlHandlerEx(SERVICE_CONTROL_STOP) ...", "OMKRulesProcessor 1.0.0 has stopped."}) {
+        EXPECT_TRUE(Contains(log, line)) << line << "\n" << log;
     }
-    collector.Release();
-    const DWORD asked = GetTickCount();
-    SERVICE_STATUS status;
-    ASSERT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
-    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 12000)) << LogSince();
-    EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
-    const DWORD took = GetTickCount() - asked;
-
-    const size_t stored = svctest::AlertsStoredAfter(latest).size();
-    EXPECT_LE(stored, static_cast<size_t>(kEvents));
-    std::string log = LogSince();
-    EXPECT_FALSE(Contains(log, "err=258")) << "no wait ran out, stop took " << took << " ms\n" << log;
-    EXPECT_TRUE(Contains(log, "OMKRulesProcessor 1.0.0 has stopped.")) << log;
-}
-
-// More queued events than the engine thread's 10 s stop wait covers: the wait
-// runs out, the stop goes on and still ends within the stop's wait hint.
-TEST_F(Service, StopsWithinItsWaitHintWhateverIsQueued) {
-    Collector collector;
-    ASSERT_EQ(S_OK, collector.Connect());
-    for (int i = 0; i < 15; ++i) {
-        EXPECT_EQ(S_OK, collector.RuleTriggered(L"{00000000-1111-2222-3333-444444444444}", L"Battery", L"CycleCount",
-                                                std::to_wstring(900 + i).c_str()));
-    }
-    collector.Release();
-    SERVICE_STATUS status;
-    ASSERT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
-    // The 12 s wait hint with some room for a loaded machine.
-    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 14000)) << LogSince();
-    EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
-    std::string log = LogSince();
-    EXPECT_TRUE(Contains(log, "StopTolvaneThread(): WaitForSingleObject(g_TolvaneThreadHandle) err=258")) << log;
-    EXPECT_TRUE(Contains(log, "OMKRulesProcessor 1.0.0 has stopped.")) << log;
-}
-
-TEST_F(Service, AClientHoldingItsReferenceDelaysTheStopByTheDrainOnly) {
-    Collector collector;
-    ASSERT_EQ(S_OK, collector.Connect());
-    const DWORD asked = GetTickCount();
-    SERVICE_STATUS status;
-    ASSERT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
-    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 12000)) << LogSince();
-    const DWORD took = GetTickCount() - asked;
-    EXPECT_GE(took, 4500u) << "the server waits 5 s for client references";
-    EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
-    std::string log = LogSince();
-    EXPECT_TRUE(Contains(log, "ComServerThreadProc(): WaitForSingleObject(g_ComClassCleanupEvent) err=258")) << log;
-
-    // The proxy outlives the server: a call fails instead of reaching a destroyed object.
-    EXPECT_TRUE(FAILED(collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"1")));
 }
 
 TEST_F(Service, ARuleFileThatDoesNotParseStopsTheServiceWithExitCode1) {
-    const std::wstring rules = kInstall + L"\\insvcAlerts.xml";
-    const std::string kept = omktest::ReadFileBytes(rules);
-    ASSERT_TRUE(omktest::WriteFileBytes(rules, "<Tolvane><Rule"));
+    ASSERT_TRUE(omktest::WriteFileBytes(kRules, "<Tolvane><Rule"));
     ASSERT_TRUE(service_.Start()) << GetLastError();
     EXPECT_TRUE(service_.WaitForState(SERVICE_STOPPED));
     EXPECT_EQ(1u, service_.Status().dwWin32ExitCode);
-    omktest::WriteFileBytes(rules, kept);
     std::string log = LogSince();
     EXPECT_TRUE(Contains(log, "Tolvane_Init: Tolvane_LoadRuleDefinitions failed - G_STATUS 0x7")) << log;
     EXPECT_TRUE(Contains(log, "ServiceMain(): Tolvane_Init() & CreateThread(TolvaneThreadProc) gStat=7")) << log;
 }
 
-bool KeyExists(HKEY root, const std::wstring& path) {
-    HKEY key = nullptr;
-    if (RegOpenKeyExW(root, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return false;
-    RegCloseKey(key);
-    return true;
-}
-
 // What the demo does, as a user would: net start, the collector tool, the
 // stored alert, net stop, then the uninstaller leaves nothing registered.
 TEST_F(Service, InstalledProductFromCollectorToolToUninstall) {
+    // A complete setup state is not logged.
+    omktest::ScopedRegKey state(HKEY_LOCAL_MACHINE, kSetupStateKey);
+    state.SetString(L"ImageState", L"IMAGE_STATE_COMPLETE");
     const ULONGLONG latest = svctest::LatestAlertTime();
     EXPECT_EQ(0u, omktest::RunProcess(L"net start OMKRulesProcessor"));
     EXPECT_TRUE(service_.WaitForState(SERVICE_RUNNING));
@@ -216,6 +223,7 @@ TEST_F(Service, InstalledProductFromCollectorToolToUninstall) {
     EXPECT_EQ(0u, omktest::RunProcess(L"net stop OMKRulesProcessor"));
     // Wine's net may return while the stop is still pending.
     EXPECT_TRUE(service_.WaitForState(SERVICE_STOPPED, 15000));
+    EXPECT_FALSE(Contains(LogSince(), "Setup State")) << LogSince();
 
     service_.Close();
     ASSERT_EQ(0u, svctest::RunInstaller(L"uninstall", kInstall));
@@ -225,15 +233,115 @@ TEST_F(Service, InstalledProductFromCollectorToolToUninstall) {
     EXPECT_EQ(static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST), GetLastError());
     if (gone != nullptr) CloseServiceHandle(gone);
     CloseServiceHandle(manager);
-    EXPECT_FALSE(KeyExists(HKEY_CLASSES_ROOT, L"CLSID\\{C15D8E37-7F24-4A9B-9E61-08B3F4A2D5C7}"));
-    EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, L"Software\\Varn Inc.\\Orlemark\\RulePlugin\\OMKCollectorRules"));
-    EXPECT_FALSE(KeyExists(HKEY_LOCAL_MACHINE, L"Software\\Varn Inc.\\Orlemark\\ActionPlugin\\OMKActionLog"));
+    HKEY key = nullptr;  // none is left to close
+    EXPECT_NE(ERROR_SUCCESS,
+              RegOpenKeyExW(HKEY_CLASSES_ROOT, L"CLSID\\{C15D8E37-7F24-4A9B-9E61-08B3F4A2D5C7}", 0, KEY_READ, &key));
+    for (const wchar_t* plugin : {L"Software\\Varn Inc.\\Orlemark\\RulePlugin\\OMKCollectorRules",
+                                  L"Software\\Varn Inc.\\Orlemark\\ActionPlugin\\OMKActionLog"}) {
+        EXPECT_NE(ERROR_SUCCESS, RegOpenKeyExW(HKEY_LOCAL_MACHINE, plugin, 0, KEY_READ, &key));
+    }
     EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(kInstall.c_str())) << "the install folder is removed";
     Collector collector;
     EXPECT_EQ(REGDB_E_CLASSNOTREG, collector.Connect());
 
     // Back to installed for the tests after this one.
     ASSERT_EQ(0u, svctest::RunInstaller(L"install", kInstall));
+    rules_ = omktest::ReadFileBytes(kRules);
+}
+
+// A test rule plugin registered beside the product's, asked about a summary
+// rule of its own.
+class ServiceWithTestPlugin : public Service {
+protected:
+    void SetUp() override {
+        Service::SetUp();
+        std::string rules = rules_;
+        rules.insert(
+            rules.rfind("</Tolvane>"),
+            "<Rule Enabled=\"1\" Platform=\"All\" OnSummary=\"1\" Type=\"ruleA\"><Name>test</Name><Descr>d"
+            "</Descr><RuleGuid>{0D1E2F30-4152-6374-8596-A7B8C9DAEBFC}</RuleGuid><AlertMsg>m</AlertMsg></Rule>");
+        ASSERT_TRUE(omktest::WriteFileBytes(kRules, rules));
+        ASSERT_TRUE(CopyFileW(omktest::BuiltFile(omktest::kTestRulePlugin).c_str(), dll_.c_str(), FALSE));
+        key_.SetString(L"DllPath", dll_);
+        ruleA_.SetCallLog(callLog_);
+    }
+    std::vector<std::string> Calls() const { return omktest::CallSequence(omktest::ReadPluginCalls(callLog_)); }
+
+    omktest::TempFolder folder_;
+    const std::wstring dll_ = folder_.File(L"ruleA.dll");
+    const std::wstring callLog_ = folder_.File(L"calls.txt");
+    omktest::ScopedRegKey key_{HKEY_LOCAL_MACHINE, std::wstring(omktest::kRulePluginKey) + L"\\ruleA"};
+    omktest::TestPluginBehaviour ruleA_{L"ruleA.dll"};
+};
+
+// The plugin is slow to initialise, so that a collector's event arrives before
+// the engine thread runs, and slow to evaluate the summary, so that the engine
+// thread outlives the stop's 10 s wait.
+TEST_F(ServiceWithTestPlugin, AnEventDuringStartUpIsHandledAndAnEngineTooSlowToStopKeepsItsPlugins) {
+    ruleA_.Set(L"InitializeDelayMs", 1500);
+    ruleA_.Set(L"TriggeredDelayMs", 60000);
+    const ULONGLONG latest = svctest::LatestAlertTime();
+    Collector collector;
+    ASSERT_EQ(S_OK, collector.Connect());
+    ASSERT_TRUE(omktest::WaitFor([&] { return Calls().size() == 1; }, 30000)) << LogSince();
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_START_PENDING), service_.Status().dwCurrentState);
+    EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"701"));
+    EXPECT_TRUE(omktest::WaitFor([&] { return svctest::AlertsStoredAfter(latest).size() == 1; }, 20000))
+        << "handled once the engine runs, without a later call";
+
+    HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, service_.ProcessId());
+    EXPECT_EQ(S_OK, collector.SummaryCreated());
+    ASSERT_TRUE(omktest::WaitFor([&] { return Calls().size() == 2; }, 20000)) << "the slow evaluation began";
+    EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"702"));
+    collector.Release();
+    SERVICE_STATUS status;
+    ASSERT_TRUE(ControlService(service_.Handle(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
+    ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 20000)) << LogSince();
+    EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
+    EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), WaitForSingleObject(process, 10000));
+    CloseHandle(process);
+
+    const std::string log = LogSince();
+    EXPECT_TRUE(Contains(log, "StopTolvaneThread(): WaitForSingleObject(g_TolvaneThreadHandle) err=258")) << log;
+    EXPECT_TRUE(Contains(log, "Tolvane_Term: engine thread still running, plugins left loaded")) << log;
+    EXPECT_TRUE(Contains(log, "OMKRulesProcessor 1.0.0 has stopped.")) << log;
+    EXPECT_EQ((std::vector<std::string>{"ruleA.dll Rule_Initialize", "ruleA.dll Rule_Triggered"}), Calls())
+        << "no close entry point, no unloading, nothing after the time-out";
+    EXPECT_EQ(1u, svctest::AlertsStoredAfter(latest).size()) << "the event queued behind was dropped";
+}
+
+// Last of all: the plugin makes an access violation on the engine thread. The
+// crash filter logs the exception with one line per parameter and writes a
+// minidump, then the process ends through the system's handling.
+TEST_F(ServiceWithTestPlugin, AnAccessViolationOnTheEngineThreadIsLoggedAndDumped) {
+    ruleA_.Set(L"TriggeredRaise", EXCEPTION_ACCESS_VIOLATION);
+    ASSERT_TRUE(service_.Start()) << GetLastError();
+    ASSERT_TRUE(service_.WaitForState(SERVICE_RUNNING)) << LogSince();
+    HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, service_.ProcessId());
+    Collector collector;
+    ASSERT_EQ(S_OK, collector.Connect());
+    crashed_ = true;
+    EXPECT_EQ(S_OK, collector.SummaryCreated());
+    // The dump of a whole process takes Wine several seconds.
+    EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), WaitForSingleObject(process, 90000)) << "the crashed process ends";
+    CloseHandle(process);
+
+    const std::string log = LogSince();
+    EXPECT_TRUE(Contains(log, "OMKExceptionFilter: EXCEPTION Code 0xc0000005, Flags 0x0, Address ")) << log;
+    // An access violation has two parameters: the write flag and the address written.
+    EXPECT_TRUE(Contains(log, "OMKExceptionFilter: EXCEPTION Parameter/Argument[0] = 0000000000000001")) << log;
+    EXPECT_TRUE(Contains(log, "OMKExceptionFilter: EXCEPTION Parameter/Argument[1] = 0000000000000010")) << log;
+    EXPECT_FALSE(Contains(log, "Parameter/Argument[2]")) << log;
+    // The argument list is short of its placeholder: the log shows it unfilled.
+    EXPECT_TRUE(Contains(log, "OMKExceptionFilter: User-mode minidump has been written to %ls.")) << log;
+    const std::string path = "GenetateUserModeMinidumpFilePath: ";
+    const size_t at = log.find(path);
+    ASSERT_NE(std::string::npos, at) << log;
+    const std::wstring dump =
+        omktest::FromUtf8(log.substr(at + path.size(), log.find_first_of("\r\n", at) - at - path.size()));
+    EXPECT_EQ("MDMP", omktest::ReadFileBytes(dump).substr(0, 4)) << omktest::ToUtf8(dump);
+    DeleteFileW(dump.c_str());
+    EXPECT_TRUE(FAILED(collector.SummaryCreated())) << "the proxy's server is gone: the call fails, no hang";
 }
 
 }  // namespace

@@ -128,6 +128,7 @@ TEST(MakeDirectory, CreatesEveryMissingLevelAndReportsTheFirstFailure) {
     EXPECT_EQ(CFileHelper::MakeDirectory((deep + L"\\").c_str(), nullptr), 0u);
 
     ASSERT_TRUE(omktest::WriteFileBytes(temp.File(L"file"), "x"));
+    EXPECT_EQ(CFileHelper::MakeDirectory(temp.File(L"file").c_str(), nullptr), static_cast<DWORD>(ERROR_DIRECTORY));
     EXPECT_NE(CFileHelper::MakeDirectory(temp.File(L"file\\sub\\leaf").c_str(), nullptr), 0u);
     EXPECT_FALSE(IsDirectory(temp.File(L"file\\sub")));
     EXPECT_NE(CFileHelper::MakeDirectory(temp.File(L"bad<name").c_str(), nullptr), 0u);
@@ -203,6 +204,8 @@ TEST(MkOMKStorageSubFolder, CreatesTheSubfolderOrFallsBackToTheStorageFolder) {
     EXPECT_TRUE(IsDirectory(folder));
     ASSERT_TRUE(MkOMKStorageSubFolder(folder, OMK_PATH_CHARS, storage.Path().c_str(), L"Ar|chive"));
     EXPECT_EQ(std::wstring(folder), storage.Path());
+    ASSERT_TRUE(MkOMKStorageSubFolder(folder, OMK_PATH_CHARS, storage.Path().c_str(), L"plain.txt"));
+    EXPECT_EQ(std::wstring(folder), storage.Path()) << "a file of the subfolder's name";
     ASSERT_TRUE(MkOMKStorageSubFolder(folder, OMK_PATH_CHARS, file.c_str(), L"Data"));
     EXPECT_EQ(std::wstring(folder), file);
     EXPECT_FALSE(MkOMKStorageSubFolder(folder, OMK_PATH_CHARS, storage.Path().c_str(), std::wstring(300, 'n').c_str()));
