@@ -12,11 +12,8 @@ TempFolder::TempFolder() {
     static std::atomic<unsigned> counter{0};
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
-    wchar_t name[MAX_PATH];
-    _snwprintf(name, MAX_PATH - 1, L"%somktest-%lu-%lu-%u", temp, GetCurrentProcessId(), GetTickCount(),
-               counter++);
-    name[MAX_PATH - 1] = L'\0';
-    path_ = name;
+    path_ = std::wstring(temp) + L"omktest-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+            std::to_wstring(GetTickCount()) + L"-" + std::to_wstring(counter++);
     CreateDirectoryW(path_.c_str(), nullptr);
 }
 
@@ -25,28 +22,26 @@ TempFolder::~TempFolder() { RemoveTree(path_); }
 void RemoveTree(const std::wstring& path) {
     WIN32_FIND_DATAW data;
     HANDLE find = FindFirstFileW((path + L"\\*").c_str(), &data);
-    if (find != INVALID_HANDLE_VALUE) {
-        do {
-            std::wstring name = data.cFileName;
-            if (name == L"." || name == L"..") continue;
-            std::wstring child = path + L"\\" + name;
-            if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-                RemoveTree(child);
-            } else {
-                SetFileAttributesW(child.c_str(), FILE_ATTRIBUTE_NORMAL);
-                DeleteFileW(child.c_str());
-            }
-        } while (FindNextFileW(find, &data));
-        FindClose(find);
+    for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
+        std::wstring name = data.cFileName;
+        if (name == L"." || name == L"..") continue;
+        std::wstring child = path + L"\\" + name;
+        if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+            RemoveTree(child);
+        } else {
+            SetFileAttributesW(child.c_str(), FILE_ATTRIBUTE_NORMAL);
+            DeleteFileW(child.c_str());
+        }
     }
+    if (find != INVALID_HANDLE_VALUE) FindClose(find);
     RemoveDirectoryW(path.c_str());
 }
 
 std::string ReadFileBytes(const std::wstring& path) {
     HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                               nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return std::string();
     std::string bytes;
+    if (file == INVALID_HANDLE_VALUE) return bytes;
     char chunk[65536];
     DWORD read = 0;
     while (ReadFile(file, chunk, sizeof(chunk), &read, nullptr) && read > 0) bytes.append(chunk, read);
@@ -72,18 +67,16 @@ ULONGLONG FileSize(const std::wstring& path) {
 }
 
 std::string ToUtf8(const std::wstring& text) {
-    if (text.empty()) return std::string();
     int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     std::string out(static_cast<size_t>(n), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
+    if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
     return out;
 }
 
 std::wstring FromUtf8(const std::string& text) {
-    if (text.empty()) return std::wstring();
     int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
     std::wstring out(static_cast<size_t>(n), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n);
+    if (n > 0) MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n);
     return out;
 }
 
@@ -106,9 +99,8 @@ void ErrorLog::Mark() { mark_ = FileSize(path_); }
 std::vector<std::string> ErrorLog::Messages() const {
     std::vector<std::string> messages;
     std::string text = Since();
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find("\r\n", start);
+    for (size_t start = 0, end; start < text.size(); start = end + 2) {
+        end = text.find("\r\n", start);
         if (end == std::string::npos) end = text.size();
         std::string line = text.substr(start, end - start);
         // date, time, process, thread, code, then the message
@@ -118,7 +110,6 @@ std::vector<std::string> ErrorLog::Messages() const {
             if (pos != std::string::npos) ++pos;
         }
         messages.push_back(pos == std::string::npos ? line : line.substr(pos));
-        start = end + 2;
     }
     return messages;
 }
@@ -143,8 +134,7 @@ LONG ScopedRegKey::SetDword(const wchar_t* name, DWORD value) {
 
 std::wstring ProgramFolder() {
     wchar_t path[MAX_PATH];
-    DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder(path, n);
+    std::wstring folder(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
     return folder.substr(0, folder.find_last_of(L'\\'));
 }
 
@@ -153,8 +143,7 @@ DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, &mutableLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                        &process)) {
+    if (!CreateProcessW(nullptr, &mutableLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
         return 0xDEAD;
     }
     DWORD code = 0xDEAD;
