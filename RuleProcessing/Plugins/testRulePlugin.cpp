@@ -3,42 +3,20 @@
 #define OMK_RULE_PLUGIN_EXPORTS
 #include "testPluginCore.h"
 
-extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
-    if (reason == DLL_PROCESS_ATTACH) {
-        DisableThreadLibraryCalls(instance);
-        return testplugin::Attach(instance) ? TRUE : FALSE;
-    }
-    // A null `reserved` means FreeLibrary, not process exit.
-    if (reason == DLL_PROCESS_DETACH && reserved == nullptr) testplugin::Detach();
-    return TRUE;
-}
+using testplugin::Call;
+using testplugin::Record;
 
 unsigned int WINAPI Rule_Initialize(const wchar_t* configXml) {
-    testplugin::Behaviour behaviour = testplugin::ReadBehaviour(L"Initialize", L"TestInitializeResult", configXml);
-    testplugin::Record record("Rule_Initialize");
-    record.Text("config", configXml);
-    record.Number("result", behaviour.result);
-    record.Write(behaviour.callLog);
-    testplugin::Act(behaviour);
-    return behaviour.result;
+    return Call(Record("Rule_Initialize").Text("config", configXml), L"Initialize", L"TestInitializeResult", configXml);
 }
 
 #ifndef OMK_TEST_WITHOUT_RULE_TRIGGERED
 unsigned int WINAPI Rule_Triggered(RULE* rule) {
-    testplugin::Behaviour behaviour =
-        testplugin::ReadBehaviour(L"Triggered", L"TestTriggeredResult", rule != nullptr ? rule->xml : nullptr);
-    testplugin::Record record("Rule_Triggered");
-    record.Rule(rule);
-    record.Number("result", behaviour.result);
-    record.Write(behaviour.callLog);
-    testplugin::Act(behaviour);
-    return behaviour.result;
+    return Call(Record("Rule_Triggered").Rule(rule), L"Triggered", L"TestTriggeredResult",
+                rule != nullptr ? rule->xml : nullptr);
 }
 #endif
 
 void WINAPI Rule_CloseDll(void) {
-    testplugin::Behaviour behaviour = testplugin::ReadBehaviour(L"CloseDll", nullptr, nullptr);
-    testplugin::Record record("Rule_CloseDll");
-    record.Write(behaviour.callLog);
-    testplugin::Act(behaviour);
+    Call(Record("Rule_CloseDll"), L"CloseDll", nullptr, nullptr, false);
 }
