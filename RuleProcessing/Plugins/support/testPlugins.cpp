@@ -2,7 +2,7 @@
 
 #include <shlwapi.h>
 
-#include <algorithm>
+#include <sstream>
 
 namespace omktest {
 
@@ -48,8 +48,8 @@ bool PluginCall::IsNull(const std::string& key) const {
 
 std::string PluginCall::Get(const std::string& key) const {
     auto found = fields.find(key);
-    if (found == fields.end() || IsNull(key)) return std::string();
     std::string out;
+    if (found == fields.end() || IsNull(key)) return out;
     for (size_t i = 0; i < found->second.size(); ++i) {
         char c = found->second[i];
         if (c == '\\' && i + 1 < found->second.size()) {
@@ -63,22 +63,16 @@ std::string PluginCall::Get(const std::string& key) const {
 
 std::vector<PluginCall> ReadPluginCalls(const std::wstring& callLog) {
     std::vector<PluginCall> calls;
-    std::string text = ReadFileBytes(callLog);
-    for (size_t start = 0, end; start < text.size(); start = end + 1) {
-        end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        std::vector<std::string> parts;
-        for (size_t from = start, tab; from <= end; from = tab + 1) {
-            tab = std::min(text.find('\t', from), end);
-            parts.push_back(text.substr(from, tab - from));
+    std::istringstream lines(ReadFileBytes(callLog));
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream parts(line);
+        PluginCall call;
+        std::getline(std::getline(parts, call.module, '\t'), call.function, '\t');
+        for (std::string field; std::getline(parts, field, '\t');) {
+            size_t equals = field.find('=');
+            call.fields[field.substr(0, equals)] = equals == std::string::npos ? "" : field.substr(equals + 1);
         }
-        if (parts.size() < 2) continue;
-        PluginCall call{parts[0], parts[1], {}};
-        for (size_t i = 2; i < parts.size(); ++i) {
-            size_t equals = parts[i].find('=');
-            call.fields[parts[i].substr(0, equals)] = equals == std::string::npos ? "" : parts[i].substr(equals + 1);
-        }
-        calls.push_back(call);
+        if (!call.function.empty()) calls.push_back(call);
     }
     return calls;
 }

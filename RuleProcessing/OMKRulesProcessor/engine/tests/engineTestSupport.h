@@ -1,7 +1,6 @@
 // What programs that run the queue need: the queue lock set up and taken down
-// the way engine start-up and teardown do it, work items built the way the COM
-// methods build them, and a reader of the debugger output so that trace lines
-// can be asserted.
+// the way engine start-up and teardown do it, and work items built the way the
+// COM methods build them. (The debugger-output reader is in testSupport.h.)
 #pragma once
 
 #include <windows.h>
@@ -12,7 +11,6 @@
 #include <vector>
 
 #include "omkPluginSdk.h"
-#include "traceMonitor.h"
 
 namespace omktest {
 

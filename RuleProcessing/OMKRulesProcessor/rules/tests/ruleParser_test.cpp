@@ -10,7 +10,6 @@
 #include "conventions.h"
 #include "ruleParser.h"
 #include "rulesTest.h"
-#include "traceMonitor.h"
 
 namespace {
 

@@ -38,7 +38,7 @@ const Bytes kBios = Structure(0, Bytes(0x14, 0x11), {"Varn BIOS", "1.02"});
 const Bytes kEnd = Structure(127, {}, {});
 
 // The parts joined; a negative `cut` drops that many bytes from the end, a
-// positive one keeps only that many.
+// positive one keeps that many.
 Bytes Join(std::initializer_list<Bytes> parts, int cut = 0) {
     Bytes out;
     for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
@@ -96,11 +96,13 @@ TEST(SmbiosSerialNumber, WalksTablesToTheFirstSystemInformation) {
     EXPECT_EQ(SmbiosString(nullptr, kBios.data(), 1).error, static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 }
 
-// What the replaced firmware and computer-name calls give.
+// What the replaced firmware and computer-name calls give: `table` with the
+// firmware's 8-byte header, whose length is off by `lengthError`; a fetch that
+// reports `growOnFetch` bytes more than the size query.
 struct FakeSources {
-    Bytes table;                // given with the firmware's 8-byte header
-    int headerLengthError = 0;  // added to the table length the header states
-    UINT growOnFetch = 0;       // added to the size the fetch (second call) reports
+    Bytes table;
+    int lengthError = 0;
+    UINT growOnFetch = 0;
     DWORD firmwareError = 0;
     std::string computerName = "VARN-PC";
     DWORD computerNameError = 0;
@@ -109,22 +111,17 @@ struct FakeSources {
 
 UINT WINAPI FakeFirmware(DWORD provider, DWORD tableId, PVOID buffer, DWORD bytes) {
     ++g_fake.firmwareCalls;
-    if (provider != kRsmb || tableId != 0 || g_fake.firmwareError != 0) {
-        SetLastError(g_fake.firmwareError != 0 ? g_fake.firmwareError : ERROR_INVALID_FUNCTION);
-        return 0;
-    }
-    const size_t n = g_fake.table.size() + g_fake.headerLengthError;
-    Bytes raw = {0, 3, 4, 0, static_cast<BYTE>(n), static_cast<BYTE>(n >> 8), static_cast<BYTE>(n >> 16), 0};
-    raw.insert(raw.end(), g_fake.table.begin(), g_fake.table.end());
+    SetLastError(g_fake.firmwareError);
+    if (provider != kRsmb || tableId != 0 || g_fake.firmwareError != 0) return 0;
+    const size_t n = g_fake.table.size() + g_fake.lengthError;
+    Bytes raw = Join({{0, 3, 4, 0, static_cast<BYTE>(n), static_cast<BYTE>(n >> 8), 0, 0}, g_fake.table});
     if (buffer != nullptr) memcpy(buffer, raw.data(), raw.size() < bytes ? raw.size() : bytes);
     return static_cast<UINT>(raw.size()) + (buffer != nullptr ? g_fake.growOnFetch : 0);
 }
 
 BOOL WINAPI FakeComputerName(LPSTR buffer, LPDWORD chars) {
-    if (g_fake.computerNameError != 0 || *chars != 16) {
-        SetLastError(g_fake.computerNameError);
-        return FALSE;
-    }
+    SetLastError(g_fake.computerNameError);
+    if (g_fake.computerNameError != 0 || *chars != 16) return FALSE;
     strcpy_s(buffer, *chars, g_fake.computerName.c_str());
     *chars = static_cast<DWORD>(g_fake.computerName.size());
     return TRUE;
@@ -133,25 +130,20 @@ BOOL WINAPI FakeComputerName(LPSTR buffer, LPDWORD chars) {
 std::string ServiceTagFrom(const FakeSources& sources) {
     g_fake = sources;
     SetServiceTagSourcesForTest(FakeFirmware, FakeComputerName);
-    std::string tag = GetServiceTag();
-    SetServiceTagSourcesForTest(nullptr, nullptr);
-    return tag;
+    return GetServiceTag();
 }
 
 TEST(ServiceTag, IsTheSerialNumberElseTheComputerNameElseUnknown) {
-    g_fake = FakeSources{Join({kBios, System(3, {"Varn", "Harbor", "7XK2Q93"}), kEnd})};
-    SetServiceTagSourcesForTest(FakeFirmware, FakeComputerName);
-    EXPECT_EQ(GetServiceTag(), "7XK2Q93");
+    EXPECT_EQ(ServiceTagFrom({Join({kBios, System(3, {"Varn", "Harbor", "7XK2Q93"}), kEnd})}), "7XK2Q93");
     EXPECT_EQ(GetServiceTag(), "7XK2Q93");
     EXPECT_EQ(g_fake.firmwareCalls, 2) << "the table is read once (size, then fetch) and cached";
-
     const FakeSources noSerial[] = {
         {Join({kBios, System(0, {"Varn"}), kEnd})},
         {{}, 0, 0, ERROR_ACCESS_DENIED},
-        {Bytes{1}},                           // shorter than the end marker
-        {System(1, {"X"}), 0, 4},             // grew between size query and fetch
-        {Bytes{1, 2, 3, 4}},                  // does not end with 00 00
-        {System(1, {"X"}), 1},                // header length disagrees with the size
+        {Bytes{1}},                // shorter than the end marker
+        {System(1, {"X"}), 0, 4},  // grew between size query and fetch
+        {Bytes{1, 2, 3, 4}},       // does not end with 00 00
+        {System(1, {"X"}), 1},     // header length disagrees with the size
     };
     for (const FakeSources& sources : noSerial) EXPECT_EQ(ServiceTagFrom(sources), "VARN-PC");
     FakeSources unnamed = noSerial[1];
@@ -159,22 +151,19 @@ TEST(ServiceTag, IsTheSerialNumberElseTheComputerNameElseUnknown) {
     EXPECT_EQ(ServiceTagFrom(unnamed), "UNKNOWN");
     unnamed.computerNameError = ERROR_BUFFER_OVERFLOW;
     EXPECT_EQ(ServiceTagFrom(unnamed), "UNKNOWN");
-}
 
-TEST(ServiceTag, ComesFromTheRealFirmwareTableOrComputerName) {
+    // The real sources: a raw table that checks, if this machine has one, or the computer name.
+    SetServiceTagSourcesForTest(nullptr, nullptr);
     UINT size = GetSystemFirmwareTable(kRsmb, 0, nullptr, 0);
     Bytes raw(size);
-    if (size != 0) {
-        ASSERT_EQ(GetSystemFirmwareTable(kRsmb, 0, raw.data(), size), size);
-        EXPECT_EQ(SmbiosCheckRawTable(raw.data(), raw.size()), 0u);
-    }
+    EXPECT_EQ(size, GetSystemFirmwareTable(kRsmb, 0, raw.data(), size));
+    EXPECT_TRUE(size == 0 || SmbiosCheckRawTable(raw.data(), raw.size()) == 0);
     char name[16] = {};
     DWORD chars = 16;
     ASSERT_TRUE(GetComputerNameA(name, &chars));
     EXPECT_EQ(ReadComputerName().value, name);
-    const std::string tag = GetServiceTag();
-    EXPECT_FALSE(tag.empty());
-    EXPECT_NE(tag, "UNKNOWN");
+    EXPECT_NE(GetServiceTag(), "UNKNOWN");
+    EXPECT_FALSE(GetServiceTag().empty());
 }
 
 }  // namespace
