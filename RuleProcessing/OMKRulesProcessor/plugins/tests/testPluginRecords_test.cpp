@@ -14,20 +14,19 @@
 
 namespace {
 
-DWORD g_raisedCode = 0;
+bool g_raised = false;
 LONG WINAPI ContinueAfterTestException(EXCEPTION_POINTERS* info) {
     if (info->ExceptionRecord->ExceptionCode != 0xE0534D4B) return EXCEPTION_CONTINUE_SEARCH;
-    g_raisedCode = info->ExceptionRecord->ExceptionCode;
+    g_raised = true;
     return EXCEPTION_CONTINUE_EXECUTION;
 }
 
 TEST(TestPlugin, RecordsEachCallBeforeItsChosenDelayAndException) {
     omktest::TempFolder folder;
-    const std::wstring callLog = folder.File(L"calls.txt");
     const std::wstring path = folder.File(L"recA.dll");
     ASSERT_TRUE(CopyFileW(omktest::BuiltFile(omktest::kTestRulePlugin).c_str(), path.c_str(), FALSE));
     auto behaviour = std::make_unique<omktest::TestPluginBehaviour>(L"recA.dll");
-    behaviour->SetCallLog(callLog);
+    behaviour->SetCallLog(folder.File(L"calls.txt"));
     behaviour->Set(L"TriggeredResult", 3);
     behaviour->Set(L"CloseDllDelayMs", 60);
     behaviour->Set(L"CloseDllRaise", 0xE0534D4B);
@@ -50,31 +49,26 @@ TEST(TestPlugin, RecordsEachCallBeforeItsChosenDelayAndException) {
     void* handler = AddVectoredExceptionHandler(1, ContinueAfterTestException);
     auto start = std::chrono::steady_clock::now();
     closeDll();
-    auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(55));
+    EXPECT_TRUE(g_raised);
     RemoveVectoredExceptionHandler(handler);
-    EXPECT_EQ(0xE0534D4Bu, g_raisedCode);
-    EXPECT_GE(elapsed, std::chrono::milliseconds(55));
     behaviour = std::make_unique<omktest::TestPluginBehaviour>(L"recA.dll");  // no call log: nothing recorded
     closeDll();
     FreeLibrary(module);
 
-    std::string text = omktest::ReadFileBytes(callLog);
-    for (const char* line : {"\trule.name=Disk\\tfull\\r\\n\t", "\trule.descr=\\0\t",
-                             "\tworkItem.kind=1\tworkItem.rulePluginId=recA\tworkItem.ruleGuid={g}\t"
-                             "workItem.dataItemsEnclosingXmlTag=\\0\tworkItem.numDataItems=2\t"
-                             "workItem.dataItemName.count=2\tworkItem.dataItemName.0=Drive\t"
-                             "workItem.dataItemName.1=Free\tworkItem.dataItemVal.count=1\t"
-                             "workItem.dataItemVal.0=C:\\\\\tresult=5\n"
-                             "recA.dll\tRule_Triggered\trule=\\0\tresult=3\nrecA.dll\tRule_CloseDll\n"}) {
-        EXPECT_NE(std::string::npos, text.find(line)) << line << " in " << text;
-    }
+    const std::string text = omktest::ReadFileBytes(folder.File(L"calls.txt"));
+    const std::string tail =
+        "\trule.name=Disk\\tfull\\r\\n\trule.descr=\\0\t"
+        "rule.ruleGuid=\\0\trule.xml=<R TestTriggeredResult=\"5\"/>\trule.alertMsg=\\0\trule.maxTriggerPerBoot=0\t"
+        "rule.numTriggers=0\trule.plugin=\\0\trule.actions=0\trule.triggered=0\trule.alertGuid=\trule.alertFileName=\t"
+        "rule.removeAlertFiles=0\trule.maxAlertFiles=0\tworkItem.kind=1\tworkItem.rulePluginId=recA\t"
+        "workItem.ruleGuid={g}\tworkItem.dataItemsEnclosingXmlTag=\\0\tworkItem.numDataItems=2\t"
+        "workItem.dataItemName.count=2\tworkItem.dataItemName.0=Drive\tworkItem.dataItemName.1=Free\t"
+        "workItem.dataItemVal.count=1\tworkItem.dataItemVal.0=C:\\\\\tresult=5\n"
+        "recA.dll\tRule_Triggered\trule=\\0\tresult=3\nrecA.dll\tRule_CloseDll\n";
+    ASSERT_GT(text.size(), tail.size());
+    EXPECT_EQ(tail, text.substr(text.size() - tail.size()));
     EXPECT_EQ(0u, text.find("recA.dll\tRule_Triggered\trule.enabled=0\t"));
-    auto calls = omktest::ReadPluginCalls(callLog);
-    ASSERT_EQ(3u, calls.size()) << "the log ends with the first close";
-    EXPECT_EQ("Disk\tfull\r\n", calls[0].Get("rule.name"));
-    EXPECT_EQ("C:\\", calls[0].Get("workItem.dataItemVal.0"));
-    EXPECT_TRUE(calls[0].IsNull("rule.descr"));
-    EXPECT_FALSE(calls[0].IsNull("rule.name"));
 }
 
 }  // namespace
