@@ -2,6 +2,8 @@
 
 #include <shlwapi.h>
 
+#include <string.h>
+
 #include <atomic>
 
 #include "omkErrors.h"
@@ -12,11 +14,8 @@ TempFolder::TempFolder() {
     static std::atomic<unsigned> counter{0};
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
-    wchar_t name[MAX_PATH];
-    _snwprintf(name, MAX_PATH - 1, L"%somktest-%lu-%lu-%u", temp, GetCurrentProcessId(), GetTickCount(),
-               counter++);
-    name[MAX_PATH - 1] = L'\0';
-    path_ = name;
+    path_ = std::wstring(temp) + L"omktest-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
+            std::to_wstring(GetTickCount()) + L"-" + std::to_wstring(counter++);
     CreateDirectoryW(path_.c_str(), nullptr);
 }
 
@@ -25,28 +24,26 @@ TempFolder::~TempFolder() { RemoveTree(path_); }
 void RemoveTree(const std::wstring& path) {
     WIN32_FIND_DATAW data;
     HANDLE find = FindFirstFileW((path + L"\\*").c_str(), &data);
-    if (find != INVALID_HANDLE_VALUE) {
-        do {
-            std::wstring name = data.cFileName;
-            if (name == L"." || name == L"..") continue;
-            std::wstring child = path + L"\\" + name;
-            if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-                RemoveTree(child);
-            } else {
-                SetFileAttributesW(child.c_str(), FILE_ATTRIBUTE_NORMAL);
-                DeleteFileW(child.c_str());
-            }
-        } while (FindNextFileW(find, &data));
-        FindClose(find);
+    for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
+        std::wstring name = data.cFileName;
+        if (name == L"." || name == L"..") continue;
+        std::wstring child = path + L"\\" + name;
+        if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+            RemoveTree(child);
+        } else {
+            SetFileAttributesW(child.c_str(), FILE_ATTRIBUTE_NORMAL);
+            DeleteFileW(child.c_str());
+        }
     }
+    if (find != INVALID_HANDLE_VALUE) FindClose(find);
     RemoveDirectoryW(path.c_str());
 }
 
 std::string ReadFileBytes(const std::wstring& path) {
     HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                               nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return std::string();
     std::string bytes;
+    if (file == INVALID_HANDLE_VALUE) return bytes;
     char chunk[65536];
     DWORD read = 0;
     while (ReadFile(file, chunk, sizeof(chunk), &read, nullptr) && read > 0) bytes.append(chunk, read);
@@ -72,18 +69,16 @@ ULONGLONG FileSize(const std::wstring& path) {
 }
 
 std::string ToUtf8(const std::wstring& text) {
-    if (text.empty()) return std::string();
     int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     std::string out(static_cast<size_t>(n), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
+    if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
     return out;
 }
 
 std::wstring FromUtf8(const std::string& text) {
-    if (text.empty()) return std::wstring();
     int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
     std::wstring out(static_cast<size_t>(n), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n);
+    if (n > 0) MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n);
     return out;
 }
 
@@ -106,9 +101,8 @@ void ErrorLog::Mark() { mark_ = FileSize(path_); }
 std::vector<std::string> ErrorLog::Messages() const {
     std::vector<std::string> messages;
     std::string text = Since();
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find("\r\n", start);
+    for (size_t start = 0, end; start < text.size(); start = end + 2) {
+        end = text.find("\r\n", start);
         if (end == std::string::npos) end = text.size();
         std::string line = text.substr(start, end - start);
         // date, time, process, thread, code, then the message
@@ -118,7 +112,6 @@ std::vector<std::string> ErrorLog::Messages() const {
             if (pos != std::string::npos) ++pos;
         }
         messages.push_back(pos == std::string::npos ? line : line.substr(pos));
-        start = end + 2;
     }
     return messages;
 }
@@ -143,8 +136,7 @@ LONG ScopedRegKey::SetDword(const wchar_t* name, DWORD value) {
 
 std::wstring ProgramFolder() {
     wchar_t path[MAX_PATH];
-    DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring folder(path, n);
+    std::wstring folder(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
     return folder.substr(0, folder.find_last_of(L'\\'));
 }
 
@@ -153,8 +145,7 @@ DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, &mutableLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                        &process)) {
+    if (!CreateProcessW(nullptr, &mutableLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
         return 0xDEAD;
     }
     DWORD code = 0xDEAD;
@@ -185,6 +176,98 @@ SAFEARRAY* BstrArray(const std::vector<std::wstring>& texts, LONG lowerBound) {
         SysFreeString(text);
     }
     return array;
+}
+
+// The shared buffer of the debugger-output protocol: writer's process id, text.
+struct DbwinBuffer {
+    DWORD processId;
+    char text[4096 - sizeof(DWORD)];
+};
+
+TraceMonitor::TraceMonitor() {
+    mapping_ =
+        CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(DbwinBuffer), L"DBWIN_BUFFER");
+    if (mapping_ == nullptr || GetLastError() == ERROR_ALREADY_EXISTS) return;
+    bufferReady_ = CreateEventW(nullptr, FALSE, FALSE, L"DBWIN_BUFFER_READY");
+    dataReady_ = CreateEventW(nullptr, FALSE, FALSE, L"DBWIN_DATA_READY");
+    view_ = MapViewOfFile(mapping_, FILE_MAP_READ, 0, 0, sizeof(DbwinBuffer));
+    stop_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    stallRequest_ = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    stallAck_ = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    if (bufferReady_ != nullptr && dataReady_ != nullptr && view_ != nullptr && stop_ != nullptr &&
+        stallRequest_ != nullptr && stallAck_ != nullptr) {
+        thread_ = CreateThread(nullptr, 0, ReaderProc, this, 0, nullptr);
+    }
+}
+
+TraceMonitor::~TraceMonitor() {
+    if (thread_ != nullptr) {
+        SetEvent(stop_);
+        WaitForSingleObject(thread_, 5000);
+        CloseHandle(thread_);
+    }
+    if (view_ != nullptr) UnmapViewOfFile(view_);
+    for (HANDLE handle : {stallAck_, stallRequest_, stop_, dataReady_, bufferReady_, mapping_}) {
+        if (handle != nullptr) CloseHandle(handle);
+    }
+}
+
+DWORD WINAPI TraceMonitor::ReaderProc(LPVOID context) {
+    auto* self = static_cast<TraceMonitor*>(context);
+    const auto* buffer = static_cast<const DbwinBuffer*>(self->view_);
+    const HANDLE waits[3] = {self->stop_, self->dataReady_, self->stallRequest_};
+    bool armed = false;
+    for (;;) {
+        LONG until = self->stallUntil_;
+        bool stalled = until != 0 && static_cast<LONG>(GetTickCount() - static_cast<DWORD>(until)) < 0;
+        if (!stalled && !armed) {
+            SetEvent(self->bufferReady_);
+            armed = true;
+        }
+        DWORD result = WaitForMultipleObjects(3, waits, FALSE, stalled ? 10 : INFINITE);
+        if (result == WAIT_OBJECT_0 + 1) {
+            armed = false;
+            std::string text(buffer->text, strnlen(buffer->text, sizeof(buffer->text)));
+            std::lock_guard<std::mutex> guard(self->lock_);
+            self->lines_.emplace_back(buffer->processId, std::move(text));
+        } else if (result == WAIT_OBJECT_0 + 2) {
+            // Take back the buffer unless a writer already has it; its line
+            // still arrives, later ones wait for the stall to end.
+            ResetEvent(self->bufferReady_);
+            armed = false;
+            SetEvent(self->stallAck_);
+        } else if (result != WAIT_TIMEOUT) {
+            return 0;
+        }
+    }
+}
+
+std::vector<std::string> TraceMonitor::Lines(DWORD processId) const {
+    std::lock_guard<std::mutex> guard(lock_);
+    std::vector<std::string> texts;
+    for (const auto& line : lines_) {
+        if (processId == 0 || line.first == processId) texts.push_back(line.second);
+    }
+    return texts;
+}
+
+std::vector<std::string> TraceMonitor::Matching(const std::string& text, DWORD processId) const {
+    std::vector<std::string> found;
+    for (const std::string& line : Lines(processId)) {
+        if (line.find(text) != std::string::npos) found.push_back(line);
+    }
+    return found;
+}
+
+bool TraceMonitor::WaitFor(const std::string& text, size_t count, DWORD timeoutMs, DWORD processId) const {
+    return omktest::WaitFor([&] { return Count(text, processId) >= count; }, timeoutMs);
+}
+
+void TraceMonitor::Stall(DWORD ms) {
+    DWORD until = GetTickCount() + ms;
+    InterlockedExchange(&stallUntil_, static_cast<LONG>(until != 0 ? until : 1));
+    SetEvent(stallRequest_);
+    WaitForSingleObject(stallAck_, 5000);
 }
 
 }  // namespace omktest

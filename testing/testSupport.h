@@ -1,5 +1,6 @@
 // What many test programs need: scratch folders inside the Wine prefix, the
-// error log read back, registry keys made and removed, child processes.
+// error log read back, registry keys made and removed, child processes, the
+// debugger output read back.
 #pragma once
 
 #include <windows.h>
@@ -7,7 +8,9 @@
 #include <oleauto.h>
 
 #include <functional>
+#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace omktest {
@@ -90,5 +93,47 @@ std::wstring ProgramFolder();
 // Starts a program and waits for it; returns its exit code, or 0xDEAD on a
 // failure to start or a time-out (after which it is terminated).
 DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000);
+
+// Reads every process's debugger output (OutputDebugString) as a debugging
+// monitor does, so that trace and assertion lines can be asserted. Only one
+// monitor can exist per session: Active() is false when another one runs.
+// Writers block (up to 10 s) while the monitor is stalled.
+class TraceMonitor {
+public:
+    TraceMonitor();
+    ~TraceMonitor();
+    TraceMonitor(const TraceMonitor&) = delete;
+    TraceMonitor& operator=(const TraceMonitor&) = delete;
+
+    bool Active() const { return thread_ != nullptr; }
+    // Lines seen so far, of one process (0: all), in the order written.
+    std::vector<std::string> Lines(DWORD processId = GetCurrentProcessId()) const;
+    // The lines of that process containing `text`, and their number.
+    std::vector<std::string> Matching(const std::string& text, DWORD processId = GetCurrentProcessId()) const;
+    size_t Count(const std::string& text, DWORD processId = GetCurrentProcessId()) const {
+        return Matching(text, processId).size();
+    }
+    // Waits until at least `count` lines of that process contain `text`.
+    bool WaitFor(const std::string& text, size_t count, DWORD timeoutMs, DWORD processId = GetCurrentProcessId()) const;
+    // Stops accepting lines for `ms` milliseconds from now: every
+    // OutputDebugString in the session waits meanwhile (a line already being
+    // written still arrives).
+    void Stall(DWORD ms);
+
+private:
+    static DWORD WINAPI ReaderProc(LPVOID self);
+
+    HANDLE bufferReady_ = nullptr;
+    HANDLE dataReady_ = nullptr;
+    HANDLE mapping_ = nullptr;
+    const void* view_ = nullptr;
+    HANDLE stop_ = nullptr;
+    HANDLE stallRequest_ = nullptr;
+    HANDLE stallAck_ = nullptr;
+    HANDLE thread_ = nullptr;
+    mutable std::mutex lock_;
+    std::vector<std::pair<DWORD, std::string>> lines_;  // writer's process id, text
+    volatile LONG stallUntil_ = 0;  // GetTickCount value; 0: not stalled
+};
 
 }  // namespace omktest

@@ -4,18 +4,14 @@
 # and adds a signed copy with one changed byte (NAME-tampered.dll).
 #   signTestPlugin.sh DLL SIGNINGDIR [copies]
 set -eu
-dll=$1
-dir=$2
-copies=${3:-}
-base=${dll%.dll}
-signed=$dll.signed
-rm -f "$signed"
-osslsigncode sign -certs "$dir/chain.pem" -key "$dir/signer.key" -h sha256 \
-    -n "Orlemark test plugin" -in "$dll" -out "$signed" >/dev/null
-if [ "$copies" = copies ]; then
-    cp "$dll" "$base-unsigned.dll"
-    cp "$signed" "$base-tampered.dll"
+base=${1%.dll}
+rm -f "$1.signed"
+osslsigncode sign -certs "$2/chain.pem" -key "$2/signer.key" -h sha256 -n "Orlemark test plugin" \
+    -in "$1" -out "$1.signed" >/dev/null
+if [ "${3:-}" = copies ]; then
+    cp "$1" "$base-unsigned.dll"
+    cp "$1.signed" "$base-tampered.dll"
     # A letter of the DOS stub's text: covered by the signed hash, ignored by the loader.
     printf 'X' | dd of="$base-tampered.dll" bs=1 seek=80 conv=notrunc 2>/dev/null
 fi
-mv -f "$signed" "$dll"
+mv -f "$1.signed" "$1"

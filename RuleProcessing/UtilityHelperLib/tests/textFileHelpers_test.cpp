@@ -13,14 +13,10 @@ namespace {
 
 class TextFileHelpers : public ::testing::Test {
 protected:
-    omktest::TempFolder temp;
-    omktest::ErrorLog log{L"UtilityHelperLib_test.txt"};
-    int allocStart = g_allocCount;
-
+    void TearDown() override { EXPECT_EQ(allocStart_, g_allocCount); }
     std::wstring Write(const wchar_t* name, const std::string& bytes) {
-        std::wstring path = temp.File(name);
-        EXPECT_TRUE(omktest::WriteFileBytes(path, bytes));
-        return path;
+        EXPECT_TRUE(omktest::WriteFileBytes(temp_.File(name), bytes));
+        return temp_.File(name);
     }
     std::wstring ReadWide(const std::wstring& path) {
         wchar_t* text = ReadMultiByteUtf8FileIntoTCHARString(path.c_str());
@@ -30,55 +26,46 @@ protected:
         --g_allocCount;
         return copy;
     }
+
+    omktest::TempFolder temp_;
+    omktest::ErrorLog log_{L"UtilityHelperLib_test.txt"};
+    int allocStart_ = g_allocCount;
 };
 
-TEST_F(TextFileHelpers, EmptyFileGivesTheTerminatorAlone) {
-    std::wstring path = Write(L"empty.xml", "");
-    char* bytes = ReadMultiByteUtf8File(path.c_str());
+TEST_F(TextFileHelpers, ReadsWholeFilesKeepingTheByteOrderMarkAndReplacingBadBytes) {
+    std::wstring empty = Write(L"empty.xml", "");
+    char* bytes = ReadMultiByteUtf8File(empty.c_str());
     ASSERT_NE(nullptr, bytes);
     EXPECT_EQ('\0', bytes[0]);
-    EXPECT_EQ(allocStart + 1, g_allocCount);
+    EXPECT_EQ(allocStart_ + 1, g_allocCount);
     free(bytes);
     --g_allocCount;
-    EXPECT_EQ(L"", ReadWide(path));
-    EXPECT_EQ(allocStart, g_allocCount);
-    EXPECT_EQ("", log.Since());
-}
-
-TEST_F(TextFileHelpers, ByteOrderMarkIsKeptAndInvalidUtf8IsConvertedLeniently) {
+    EXPECT_EQ(L"", ReadWide(empty));
     EXPECT_EQ(L"\uFEFF<a>\u00e9</a>", ReadWide(Write(L"bom.xml", "\xEF\xBB\xBF<a>\xC3\xA9</a>")));
     std::wstring invalid = ReadWide(Write(L"invalid.xml", "a\xFF\xC3z"));
     ASSERT_EQ(4u, invalid.size()) << "each bad byte becomes one replacement character";
     EXPECT_EQ(L'a', invalid[0]);
     EXPECT_EQ(L'z', invalid[3]);
-    EXPECT_EQ(allocStart, g_allocCount);
+    EXPECT_EQ("", log_.Since());
 }
 
-TEST_F(TextFileHelpers, ReadsAFileHeldOpenForWritingElsewhere) {
+TEST_F(TextFileHelpers, ReadsAFileOpenForWritingAndReportsOneItCannotOpen) {
     std::wstring path = Write(L"busy.xml", "<busy/>");
     HANDLE writer = CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                 OPEN_EXISTING, 0, nullptr);
-    ASSERT_NE(INVALID_HANDLE_VALUE, writer);
     EXPECT_EQ(L"<busy/>", ReadWide(path));
     CloseHandle(writer);
-
     HANDLE exclusive = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    ASSERT_NE(INVALID_HANDLE_VALUE, exclusive);
     EXPECT_EQ(nullptr, ReadMultiByteUtf8File(path.c_str()));
     CloseHandle(exclusive);
-    EXPECT_TRUE(log.Contains("ReadMultiByteUtf8File: Error 0x20 opening file for reading " + omktest::ToUtf8(path)))
-        << log.Since();
-}
-
-TEST_F(TextFileHelpers, MissingFileIsReportedByBothLayers) {
-    std::wstring path = temp.File(L"missing.xml");
-    EXPECT_EQ(L"<null>", ReadWide(path));
-    std::vector<std::string> messages = log.Messages();
-    ASSERT_EQ(2u, messages.size()) << log.Since();
-    EXPECT_EQ("ReadMultiByteUtf8File: Error 0x2 opening file for reading " + omktest::ToUtf8(path), messages[0]);
-    EXPECT_EQ("ReadMultiByteUtf8FileIntoTCHARString: ReadMultiByteUtf8File " + omktest::ToUtf8(path) + " failed",
-              messages[1]);
-    EXPECT_EQ(allocStart, g_allocCount);
+    std::wstring missing = temp_.File(L"missing.xml");
+    EXPECT_EQ(L"<null>", ReadWide(missing));
+    EXPECT_EQ((std::vector<std::string>{
+                  "ReadMultiByteUtf8File: Error 0x20 opening file for reading " + omktest::ToUtf8(path),
+                  "ReadMultiByteUtf8File: Error 0x2 opening file for reading " + omktest::ToUtf8(missing),
+                  "ReadMultiByteUtf8FileIntoTCHARString: ReadMultiByteUtf8File " + omktest::ToUtf8(missing) + " failed",
+              }),
+              log_.Messages());
 }
 
 TEST_F(TextFileHelpers, WideToUtf8StopsAtTheBufferOf1024Bytes) {

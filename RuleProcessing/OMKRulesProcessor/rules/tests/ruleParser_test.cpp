@@ -8,7 +8,6 @@
 
 #include "cdef.h"
 #include "conventions.h"
-#include "debugOutput.h"
 #include "ruleParser.h"
 #include "rulesTest.h"
 
@@ -48,14 +47,15 @@ TEST_F(RuleParser, UnloadableRuleOrActionXmlIsReportedWithItsNumbers) {
 // A rule without attributes fails at its first read; one that fails a later
 // read after others succeeded also writes the assertion line to the debugger.
 TEST_F(RuleParser, AMissingAttributeAfterOthersWereReadAlsoWritesTheAssertionLine) {
-    DebugOutputCapture capture;
-    ASSERT_TRUE(capture.Ready());
+    omktest::TraceMonitor capture;
+    ASSERT_TRUE(capture.Active());
     EXPECT_EQ(RULES_PARSE_FAILED, ParseFile(RuleFile("<Rule/>" + RuleElement("Enabled=\"1\"", "{1}"))));
     EXPECT_EQ(
         (Strings{"ParseRule: attribute Enabled not found in rule 0", "ParseRule: attribute Type not found in rule 1",
                  "ParseRuleDefintions: No rules got added (numRules 2) !"}),
         Messages());
-    std::vector<std::string> lines = capture.LinesContaining("Assertion failed");
+    ASSERT_TRUE(capture.WaitFor("Assertion failed", 1, 5000));
+    std::vector<std::string> lines = capture.Matching("Assertion failed");
     ASSERT_EQ(1u, lines.size());
     std::string prefix = std::to_string(GetCurrentProcessId()) + ": " + std::to_string(GetCurrentThreadId()) +
                          ": **** ERROR **** Assertion failed at line ";

@@ -18,47 +18,44 @@ namespace {
 
 class MachineIdentityTest : public ::testing::Test {
 protected:
-    MachineIdentityTest() : log_(L"systemIdentity_test.log") {}
     ~MachineIdentityTest() override { ClearMachineIdentityForTest(); }
-
-    omktest::ErrorLog log_;
+    omktest::ErrorLog log_{L"systemIdentity_test.log"};
 };
 
-TEST_F(MachineIdentityTest, ReadsTheRealModelAndChassisThroughWmi) {
+// Reads on a thread in a single-threaded apartment: the read still works, is
+// reported, and leaves the thread's apartment as it was.
+DWORD WINAPI ReadInSingleThreadedApartment(void* after) {
+    if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
+    wchar_t model[OMK_MODEL_CHARS];
+    const int read = GetModel(model);
+    GetChassisType();
+    *static_cast<HRESULT*>(after) = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);  // S_FALSE: still there
+    CoUninitialize();
+    CoUninitialize();
+    return read == 1 ? 0 : 2;
+}
+
+TEST_F(MachineIdentityTest, ReadsTheRealModelAndChassisAndLeavesComAsItWas) {
     const int allocations = g_allocCount;
+    ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
     wchar_t model[OMK_MODEL_CHARS];
     ASSERT_EQ(GetModel(model), 1) << log_.Since();
     ASSERT_NE(model[0], L'\0');
     EXPECT_NE(model[wcslen(model) - 1], L' ');
     const int chassis = GetChassisType();
     EXPECT_TRUE(chassis == CT_DESKTOP || chassis == CT_LAPTOP);
+    EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_FALSE);
+    CoUninitialize();
+    CoUninitialize();
     EXPECT_EQ(g_allocCount, allocations);
     EXPECT_FALSE(log_.Contains("WmiInit")) << log_.Since();
-    // Some machine may have an unmapped chassis, but never a value wider than 16
-    // bits: that would be the undefined upper half of a 16-bit WMI value.
+    // An unmapped chassis is possible, never a value wider than the 16 bits WMI gives.
     const std::string text = log_.Since();
     const size_t at = text.find("raw wmiChassisType is 0x");
-    if (at != std::string::npos) {
-        EXPECT_LE(strtoul(text.c_str() + at + 24, nullptr, 16), 0xFFFFul);
-    }
-}
+    EXPECT_LE(at == std::string::npos ? 0 : strtoul(text.c_str() + at + 24, nullptr, 16), 0xFFFFul);
 
-DWORD WINAPI ReadInSingleThreadedApartment(void* parameter) {
-    auto* after = static_cast<HRESULT*>(parameter);
-    if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return 1;
-    wchar_t model[OMK_MODEL_CHARS];
-    const int read = GetModel(model);
-    GetChassisType();
-    *after = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);  // S_FALSE: still initialised, same apartment
-    CoUninitialize();
-    CoUninitialize();
-    return read == 1 ? 0 : 2;
-}
-
-TEST_F(MachineIdentityTest, LeavesTheCallersComApartmentAsItWas) {
     HRESULT after = E_FAIL;
     HANDLE thread = CreateThread(nullptr, 0, ReadInSingleThreadedApartment, &after, 0, nullptr);
-    ASSERT_NE(thread, nullptr);
     ASSERT_EQ(WaitForSingleObject(thread, 60000), WAIT_OBJECT_0);
     DWORD code = 99;
     GetExitCodeThread(thread, &code);
@@ -66,26 +63,19 @@ TEST_F(MachineIdentityTest, LeavesTheCallersComApartmentAsItWas) {
     EXPECT_EQ(code, 0u);
     EXPECT_EQ(after, S_FALSE);
     EXPECT_TRUE(log_.Contains("WmiInit(): CoInitializeEx(COINIT_MULTITHREADED) hr=")) << log_.Since();
-
-    ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
-    wchar_t model[OMK_MODEL_CHARS];
-    EXPECT_EQ(GetModel(model), 1);
-    EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_FALSE);
-    CoUninitialize();
-    CoUninitialize();
 }
 
-TEST_F(MachineIdentityTest, MapsEveryListedChassisTypeAndCallsTheRestDesktops) {
-    for (DWORD raw : {1, 2, 3, 4, 5, 6, 7, 13, 15, 16, 24, 25, 34, 35, 36}) {
-        SetChassisTypeForTest(raw);
-        EXPECT_EQ(GetChassisType(), CT_DESKTOP) << raw;
-    }
-    for (DWORD raw : {8, 9, 10, 11, 12, 14, 31, 32, 33}) {
-        SetChassisTypeForTest(raw);
-        EXPECT_EQ(GetChassisType(), CT_LAPTOP) << raw;
+TEST_F(MachineIdentityTest, MapsEveryListedChassisTypeAndReportsTheRestAsDesktops) {
+    const std::pair<int, std::vector<DWORD>> mapped[] = {
+        {CT_DESKTOP, {1, 2, 3, 4, 5, 6, 7, 13, 15, 16, 24, 25, 34, 35, 36}},
+        {CT_LAPTOP, {8, 9, 10, 11, 12, 14, 31, 32, 33}}};
+    for (const auto& chassis : mapped) {
+        for (DWORD raw : chassis.second) {
+            SetChassisTypeForTest(raw);
+            EXPECT_EQ(GetChassisType(), chassis.first) << raw;
+        }
     }
     EXPECT_EQ(log_.Since(), "");
-
     for (DWORD raw : {0, 17, 23, 26, 30, 37, 0x10009}) {  // 30 is a tablet
         log_.Mark();
         SetChassisTypeForTest(raw);
@@ -98,18 +88,15 @@ TEST_F(MachineIdentityTest, MapsEveryListedChassisTypeAndCallsTheRestDesktops) {
 
 TEST_F(MachineIdentityTest, ModelLosesTrailingBlanksOnly) {
     const std::wstring longModel(300, L'm');
-    const struct {
-        const wchar_t* given;
-        std::wstring read;
-    } cases[] = {{L"  Harbor  500   ", L"  Harbor  500"},
-                 {L"Harbor 500\t ", L"Harbor 500\t"},
-                 {L"   ", L""},
-                 {longModel.c_str(), longModel.substr(0, OMK_MODEL_CHARS - 1)}};
+    const std::pair<const wchar_t*, std::wstring> cases[] = {{L"  Harbor  500   ", L"  Harbor  500"},
+                                                             {L"Harbor 500\t ", L"Harbor 500\t"},
+                                                             {L"   ", L""},
+                                                             {longModel.c_str(), longModel.substr(0, 255)}};
     wchar_t model[OMK_MODEL_CHARS];
     for (const auto& c : cases) {
-        SetModelForTest(c.given);
+        SetModelForTest(c.first);
         ASSERT_EQ(GetModel(model), 1);
-        EXPECT_EQ(std::wstring(model), c.read);
+        EXPECT_EQ(std::wstring(model), c.second);
     }
     SetModelForTest(nullptr);
     EXPECT_EQ(GetModel(model), 0);

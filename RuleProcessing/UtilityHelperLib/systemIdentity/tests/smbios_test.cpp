@@ -37,14 +37,13 @@ Bytes System(BYTE serial, const std::vector<std::string>& strings) {
 const Bytes kBios = Structure(0, Bytes(0x14, 0x11), {"Varn BIOS", "1.02"});
 const Bytes kEnd = Structure(127, {}, {});
 
-Bytes Join(std::initializer_list<Bytes> parts) {
+// The parts joined; a negative `cut` drops that many bytes from the end, a
+// positive one keeps that many.
+Bytes Join(std::initializer_list<Bytes> parts, int cut = 0) {
     Bytes out;
     for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
+    out.resize(cut > 0 ? static_cast<size_t>(cut) : out.size() + cut);
     return out;
-}
-
-Bytes Cut(const Bytes& bytes, size_t size) {
-    return Bytes(bytes.begin(), bytes.begin() + size);
 }
 
 // The bytes copied so that they end exactly where an inaccessible page begins.
@@ -65,7 +64,8 @@ IDENTITY_RESULT Serial(const Bytes& table) {
 
 TEST(SmbiosSerialNumber, WalksTablesToTheFirstSystemInformation) {
     const Bytes system = System(1, {"X"});
-    struct Case {
+    const int bios = static_cast<int>(kBios.size());
+    const struct {
         const char* what;
         Bytes table;
         DWORD error;
@@ -77,16 +77,16 @@ TEST(SmbiosSerialNumber, WalksTablesToTheFirstSystemInformation) {
         {"string number 0", Join({kBios, System(0, {"Varn"}), System(1, {"LATER"})}), 13, nullptr},
         {"empty string ends the set", Join({kBios, System(3, {"Varn", "", "HIDDEN"})}), 232, nullptr},
         {"zero structure length", Join({kBios, Bytes{7, 0, 0, 0, 0, 0}, system}), 13, nullptr},
-        {"type 1 past the end", Join({kBios, Cut(system, 12)}), 13, nullptr},
-        {"type 1 serial byte past the end", Join({kBios, Cut(system, 6)}), 13, nullptr},
-        {"unterminated serial", Join({kBios, Cut(system, system.size() - 2)}), 232, nullptr},
-        {"other structure past the end", Cut(kBios, 10), 232, nullptr},
-        {"missing double zero", Cut(kBios, kBios.size() - 1), 232, nullptr},
+        {"type 1 past the end", Join({kBios, system}, bios + 12), 13, nullptr},
+        {"type 1 serial byte past the end", Join({kBios, system}, bios + 6), 13, nullptr},
+        {"unterminated serial", Join({kBios, system}, -2), 232, nullptr},
+        {"other structure past the end", Join({kBios}, 10), 232, nullptr},
+        {"missing double zero", Join({kBios}, -1), 232, nullptr},
         {"no system information", Join({kBios, kEnd}), 232, nullptr},
         {"empty table", Bytes{}, 232, nullptr},
         {"one byte", Bytes{1}, 232, nullptr},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         IDENTITY_RESULT result = Serial(c.table);
         EXPECT_EQ(result.error, c.error) << c.what;
         EXPECT_EQ(result.hasValue, c.value != nullptr) << c.what;
@@ -96,39 +96,32 @@ TEST(SmbiosSerialNumber, WalksTablesToTheFirstSystemInformation) {
     EXPECT_EQ(SmbiosString(nullptr, kBios.data(), 1).error, static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 }
 
-// The firmware's form: version bytes, 32-bit little-endian table length, table.
-Bytes Raw(const Bytes& table) {
-    const size_t n = table.size();
-    Bytes raw = {0, 3, 4, 0, static_cast<BYTE>(n), static_cast<BYTE>(n >> 8), static_cast<BYTE>(n >> 16), 0};
-    raw.insert(raw.end(), table.begin(), table.end());
-    return raw;
-}
-
-// What the replaced firmware and computer-name calls give.
+// What the replaced firmware and computer-name calls give: `table` with the
+// firmware's 8-byte header, whose length is off by `lengthError`; a fetch that
+// reports `growOnFetch` bytes more than the size query.
 struct FakeSources {
-    Bytes raw;
-    UINT growOnFetch = 0;  // added to the size the fetch (second call) reports
+    Bytes table;
+    int lengthError = 0;
+    UINT growOnFetch = 0;
     DWORD firmwareError = 0;
-    int firmwareCalls = 0;
     std::string computerName = "VARN-PC";
     DWORD computerNameError = 0;
+    int firmwareCalls = 0;
 } g_fake;
 
 UINT WINAPI FakeFirmware(DWORD provider, DWORD tableId, PVOID buffer, DWORD bytes) {
     ++g_fake.firmwareCalls;
-    if (provider != kRsmb || tableId != 0 || g_fake.firmwareError != 0) {
-        SetLastError(g_fake.firmwareError != 0 ? g_fake.firmwareError : ERROR_INVALID_FUNCTION);
-        return 0;
-    }
-    if (buffer != nullptr) memcpy(buffer, g_fake.raw.data(), g_fake.raw.size() < bytes ? g_fake.raw.size() : bytes);
-    return static_cast<UINT>(g_fake.raw.size()) + (buffer != nullptr ? g_fake.growOnFetch : 0);
+    SetLastError(g_fake.firmwareError);
+    if (provider != kRsmb || tableId != 0 || g_fake.firmwareError != 0) return 0;
+    const size_t n = g_fake.table.size() + g_fake.lengthError;
+    Bytes raw = Join({{0, 3, 4, 0, static_cast<BYTE>(n), static_cast<BYTE>(n >> 8), 0, 0}, g_fake.table});
+    if (buffer != nullptr) memcpy(buffer, raw.data(), raw.size() < bytes ? raw.size() : bytes);
+    return static_cast<UINT>(raw.size()) + (buffer != nullptr ? g_fake.growOnFetch : 0);
 }
 
 BOOL WINAPI FakeComputerName(LPSTR buffer, LPDWORD chars) {
-    if (g_fake.computerNameError != 0 || *chars != 16) {
-        SetLastError(g_fake.computerNameError);
-        return FALSE;
-    }
+    SetLastError(g_fake.computerNameError);
+    if (g_fake.computerNameError != 0 || *chars != 16) return FALSE;
     strcpy_s(buffer, *chars, g_fake.computerName.c_str());
     *chars = static_cast<DWORD>(g_fake.computerName.size());
     return TRUE;
@@ -137,52 +130,40 @@ BOOL WINAPI FakeComputerName(LPSTR buffer, LPDWORD chars) {
 std::string ServiceTagFrom(const FakeSources& sources) {
     g_fake = sources;
     SetServiceTagSourcesForTest(FakeFirmware, FakeComputerName);
-    std::string tag = GetServiceTag();
-    SetServiceTagSourcesForTest(nullptr, nullptr);
-    return tag;
+    return GetServiceTag();
 }
 
 TEST(ServiceTag, IsTheSerialNumberElseTheComputerNameElseUnknown) {
-    FakeSources good;
-    good.raw = Raw(Join({kBios, System(3, {"Varn", "Harbor", "7XK2Q93"}), kEnd}));
-    g_fake = good;
-    SetServiceTagSourcesForTest(FakeFirmware, FakeComputerName);
-    EXPECT_EQ(GetServiceTag(), "7XK2Q93");
+    EXPECT_EQ(ServiceTagFrom({Join({kBios, System(3, {"Varn", "Harbor", "7XK2Q93"}), kEnd})}), "7XK2Q93");
     EXPECT_EQ(GetServiceTag(), "7XK2Q93");
     EXPECT_EQ(g_fake.firmwareCalls, 2) << "the table is read once (size, then fetch) and cached";
-
-    std::vector<FakeSources> noSerial(6);
-    noSerial[0].raw = Raw(Join({kBios, System(0, {"Varn"}), kEnd}));
-    noSerial[1].firmwareError = ERROR_ACCESS_DENIED;
-    noSerial[2].raw = Bytes(9, 0);  // shorter than header and end marker
-    noSerial[3].raw = Raw(System(1, {"X"}));
-    noSerial[3].growOnFetch = 4;  // grew between size query and fetch
-    noSerial[4].raw = Raw(Bytes{1, 2, 3, 4});
-    noSerial[5].raw = Raw(System(1, {"X"}));
-    noSerial[5].raw[4] += 1;  // header length disagrees with the size
-    for (size_t i = 0; i < noSerial.size(); ++i) EXPECT_EQ(ServiceTagFrom(noSerial[i]), "VARN-PC") << "case " << i;
-
+    const FakeSources noSerial[] = {
+        {Join({kBios, System(0, {"Varn"}), kEnd})},
+        {{}, 0, 0, ERROR_ACCESS_DENIED},
+        {Bytes{1}},                // shorter than the end marker
+        {System(1, {"X"}), 0, 4},  // grew between size query and fetch
+        {Bytes{1, 2, 3, 4}},       // does not end with 00 00
+        {System(1, {"X"}), 1},     // header length disagrees with the size
+    };
+    for (const FakeSources& sources : noSerial) EXPECT_EQ(ServiceTagFrom(sources), "VARN-PC");
     FakeSources unnamed = noSerial[1];
     unnamed.computerName = "";
     EXPECT_EQ(ServiceTagFrom(unnamed), "UNKNOWN");
     unnamed.computerNameError = ERROR_BUFFER_OVERFLOW;
     EXPECT_EQ(ServiceTagFrom(unnamed), "UNKNOWN");
-}
 
-TEST(ServiceTag, ComesFromTheRealFirmwareTableOrComputerName) {
+    // The real sources: a raw table that checks, if this machine has one, or the computer name.
+    SetServiceTagSourcesForTest(nullptr, nullptr);
     UINT size = GetSystemFirmwareTable(kRsmb, 0, nullptr, 0);
-    if (size != 0) {
-        Bytes raw(size);
-        ASSERT_EQ(GetSystemFirmwareTable(kRsmb, 0, raw.data(), size), size);
-        EXPECT_EQ(SmbiosCheckRawTable(raw.data(), raw.size()), 0u);
-    }
+    Bytes raw(size);
+    EXPECT_EQ(size, GetSystemFirmwareTable(kRsmb, 0, raw.data(), size));
+    EXPECT_TRUE(size == 0 || SmbiosCheckRawTable(raw.data(), raw.size()) == 0);
     char name[16] = {};
     DWORD chars = 16;
     ASSERT_TRUE(GetComputerNameA(name, &chars));
     EXPECT_EQ(ReadComputerName().value, name);
-    const std::string tag = GetServiceTag();
-    EXPECT_FALSE(tag.empty());
-    EXPECT_NE(tag, "UNKNOWN");
+    EXPECT_NE(GetServiceTag(), "UNKNOWN");
+    EXPECT_FALSE(GetServiceTag().empty());
 }
 
 }  // namespace

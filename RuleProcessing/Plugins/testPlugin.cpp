@@ -1,0 +1,247 @@
+// The test rule plugin (built with OMK_RULE_PLUGIN_EXPORTS) or action plugin
+// (OMK_ACTION_PLUGIN_EXPORTS): records each call and returns what the test
+// chose. OMK_TEST_WITHOUT_RULE_TRIGGERED and OMK_TEST_WITHOUT_ACTION_END_EVALUATION
+// leave out that export. README.md beside this file gives the registry values
+// and the record format.
+#include <windows.h>
+
+#include <oleauto.h>
+#include <wchar.h>
+
+#include <string>
+
+#include "omkPluginSdk.h"
+
+// Not in an unnamed namespace: the variants without an export use only part of it.
+namespace testplugin {
+
+// "\0" cannot come from escaping (a real backslash is doubled), so it marks null.
+const char kNull[] = "\\0";
+
+wchar_t g_moduleName[MAX_PATH] = L"";
+// The call log of the latest call, for the detach record (written under the
+// loader lock, where the registry must not be read).
+wchar_t g_lastCallLog[MAX_PATH] = L"";
+// Never mapped: a write there is an access violation. Volatile, so the compiler
+// neither folds the address nor judges the write out of bounds.
+volatile ULONG_PTR g_faultAddress = 0x10;
+
+std::string Utf8(const std::wstring& text) {
+    std::string out(text.size() * 3, '\0');
+    out.resize(static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                       &out[0], static_cast<int>(out.size()), nullptr, nullptr)));
+    return out;
+}
+
+// Appends one line; appends are atomic per write, so plugins sharing one log keep the call order.
+void Append(const wchar_t* callLog, const std::string& line) {
+    const DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    HANDLE file = callLog[0] == L'\0' ? INVALID_HANDLE_VALUE
+                                       : CreateFileW(callLog, FILE_APPEND_DATA, share, nullptr, OPEN_ALWAYS, 0, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return;
+    DWORD written = 0;
+    WriteFile(file, (line + "\n").data(), static_cast<DWORD>(line.size() + 1), &written, nullptr);
+    CloseHandle(file);
+}
+
+// One line of the call log: module file name, export, then key=value fields.
+struct Record {
+    explicit Record(const char* function) : line(Utf8(g_moduleName) + "\t" + function) {}
+
+    Record& Field(const std::string& key, const std::string& text) {
+        line += "\t" + key + "=" + text;
+        return *this;
+    }
+    template <typename T>
+    Record& Number(const std::string& key, T value) {
+        return Field(key, std::to_string(value));
+    }
+    // Keeps one record on one line: tabs, line ends and backslashes are escaped.
+    Record& Text(const std::string& key, const wchar_t* value) {
+        static const wchar_t kSpecial[] = L"\\\t\n\r";
+        std::wstring escaped;
+        for (const wchar_t* p = value; p != nullptr && *p != L'\0'; ++p) {
+            const wchar_t* special = wcschr(kSpecial, *p);
+            escaped += special != nullptr ? std::wstring{L'\\', L"\\tnr"[special - kSpecial]} : std::wstring(1, *p);
+        }
+        return Field(key, value != nullptr ? Utf8(escaped) : kNull);
+    }
+    // The elements of a one-dimensional BSTR array as key.count, key.0, key.1 ...
+    void BstrArray(const std::string& key, SAFEARRAY* array) {
+        LONG lower = 0;
+        LONG upper = -1;
+        VARTYPE type = VT_EMPTY;
+        if (array == nullptr) {
+            Field(key, kNull);
+        } else if (SafeArrayGetDim(array) != 1 || FAILED(SafeArrayGetVartype(array, &type)) || type != VT_BSTR ||
+                   FAILED(SafeArrayGetLBound(array, 1, &lower)) || FAILED(SafeArrayGetUBound(array, 1, &upper))) {
+            Text(key, L"(not a one-dimensional array of texts)");
+        } else {
+            Number(key + ".count", upper - lower + 1);
+            for (LONG i = 0; i <= upper - lower; ++i) {
+                Text(key + "." + std::to_string(i), static_cast<BSTR*>(array->pvData)[i]);
+            }
+        }
+    }
+    void WorkItem(const WORK_ITEM* item) {
+        if (item == nullptr) {
+            Field("workItem", kNull);
+            return;
+        }
+        Number("workItem.kind", item->kind);
+        if (item->kind == WORK_RULE_TRIGGERED) {
+            const auto& event = item->u.ruleTriggered;
+            Text("workItem.rulePluginId", event.rulePluginId).Text("workItem.ruleGuid", event.ruleGuid);
+            Text("workItem.dataItemsEnclosingXmlTag", event.dataItemsEnclosingXmlTag);
+            Number("workItem.numDataItems", event.numDataItems);
+            BstrArray("workItem.dataItemName", event.dataItemName);
+            BstrArray("workItem.dataItemVal", event.dataItemVal);
+        } else if (item->kind == WORK_PERIODIC_DATA) {
+            const auto& event = item->u.periodicData;
+            Number("workItem.code", event.code).Number("workItem.subCode", event.subCode);
+            Number("workItem.timeStamp", event.timeStamp).Number("workItem.dataLen", event.dataLen);
+            std::string hex;
+            for (unsigned int i = 0; event.data != nullptr && i < event.dataLen; ++i) {
+                hex += {"0123456789abcdef"[event.data[i] >> 4], "0123456789abcdef"[event.data[i] & 0x0f]};
+            }
+            Field("workItem.data", event.data != nullptr ? hex : kNull);
+        }
+    }
+    // Every field of the rule, its actions and its work item.
+    Record& Rule(const RULE* rule) {
+        if (rule == nullptr) return Field("rule", kNull);
+        Number("rule.enabled", rule->enabled).Number("rule.onSummary", rule->onSummary);
+        Number("rule.onPeriodicData", rule->onPeriodicData).Text("rule.type", rule->type);
+        Text("rule.platform", rule->platform).Text("rule.name", rule->name).Text("rule.descr", rule->descr);
+        Text("rule.ruleGuid", rule->ruleGuid).Text("rule.xml", rule->xml).Text("rule.alertMsg", rule->alertMsg);
+        Number("rule.maxTriggerPerBoot", rule->maxTriggerPerBoot).Number("rule.numTriggers", rule->numTriggers);
+        Text("rule.plugin", rule->plugin != nullptr ? L"set" : nullptr);
+        unsigned int actions = 0;
+        // A cap keeps a damaged list from running forever.
+        for (const RULE_ACTION* action = rule->actions; action != nullptr && actions < 1000; action = action->next) {
+            std::string key = "rule.action." + std::to_string(actions++);
+            Text(key + ".type", action->type).Text(key + ".xml", action->xml);
+            Text(key + ".plugin", action->plugin != nullptr ? L"set" : nullptr);
+        }
+        Number("rule.actions", actions).Number("rule.triggered", rule->triggered);
+        // Fixed-size fields, cut at their size when they lack a terminator.
+        Text("rule.alertGuid", std::wstring(rule->alertGuid, wcsnlen(rule->alertGuid, 128)).c_str());
+        Text("rule.alertFileName", std::wstring(rule->alertFileName, wcsnlen(rule->alertFileName, 260)).c_str());
+        Number("rule.removeAlertFiles", rule->removeAlertFiles).Number("rule.maxAlertFiles", rule->maxAlertFiles);
+        WorkItem(rule->workItem);
+        return *this;
+    }
+
+    std::string line;
+};
+
+// Completes a call of an export whose behaviour is chosen under `stem`
+// ("Triggered"): reads the behaviour, appends the record (with the result when
+// `withResult`), sleeps and raises as chosen, and returns the result, which
+// the number in `attribute`="N" inside `xml` overrides.
+unsigned int Call(Record record, const wchar_t* stem, const wchar_t* attribute = nullptr, const wchar_t* xml = nullptr,
+                  bool withResult = true) {
+    DWORD values[3] = {};  // <stem>Result, <stem>DelayMs, <stem>Raise
+    wchar_t callLog[MAX_PATH] = L"";
+    HKEY key = nullptr;
+    std::wstring path = L"Software\\Varn Inc.\\Orlemark\\TestPlugins\\" + std::wstring(g_moduleName);
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ, &key) == ERROR_SUCCESS) {
+        const wchar_t* names[3] = {L"Result", L"DelayMs", L"Raise"};
+        for (int i = 0; i < 3; ++i) {
+            DWORD bytes = sizeof(values[i]);
+            if (RegGetValueW(key, nullptr, (stem + std::wstring(names[i])).c_str(), RRF_RT_REG_DWORD, nullptr,
+                             &values[i], &bytes) != ERROR_SUCCESS) {
+                values[i] = 0;
+            }
+        }
+        DWORD bytes = sizeof(callLog);
+        if (RegGetValueW(key, nullptr, L"CallLog", RRF_RT_REG_SZ, nullptr, callLog, &bytes) != ERROR_SUCCESS) {
+            callLog[0] = L'\0';
+        }
+        RegCloseKey(key);
+    }
+    const std::wstring pattern = attribute != nullptr ? attribute + std::wstring(L"=\"") : L"";
+    const wchar_t* chosen = xml != nullptr && attribute != nullptr ? wcsstr(xml, pattern.c_str()) : nullptr;
+    const unsigned int result = chosen != nullptr ? wcstoul(chosen + pattern.size(), nullptr, 10) : values[0];
+    if (withResult) record.Number("result", result);
+    lstrcpynW(g_lastCallLog, callLog, MAX_PATH);
+    Append(callLog, record.line);
+
+    if (values[1] != 0) Sleep(values[1]);
+    if (values[2] == EXCEPTION_ACCESS_VIOLATION) {
+        // A real fault, so the exception carries what the processor reports: the
+        // access kind and the address.
+        const ULONG_PTR address = g_faultAddress;
+        *reinterpret_cast<volatile int*>(address) = 1;
+    } else if (values[2] != 0) {
+        RaiseException(values[2], 0, 0, nullptr);
+    }
+    return result;
+}
+
+}  // namespace testplugin
+
+using namespace testplugin;
+
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved) {
+    if (reason == DLL_PROCESS_ATTACH) {
+        DisableThreadLibraryCalls(instance);
+        wchar_t path[MAX_PATH];
+        DWORD length = GetModuleFileNameW(instance, path, MAX_PATH);
+        const wchar_t* slash = wcsrchr(path, L'\\');
+        if (length == 0 || length >= MAX_PATH || slash == nullptr) return TRUE;
+        lstrcpynW(g_moduleName, slash + 1, MAX_PATH);
+        // The environment can make this module's load fail.
+        wchar_t failLoad[MAX_PATH];
+        DWORD chars = GetEnvironmentVariableW(L"OMK_TEST_PLUGIN_FAIL_LOAD", failLoad, MAX_PATH);
+        return chars > 0 && chars < MAX_PATH && _wcsicmp(failLoad, g_moduleName) == 0 ? FALSE : TRUE;
+    }
+    // A null `reserved` means FreeLibrary, not process exit.
+    if (reason == DLL_PROCESS_DETACH && reserved == nullptr && g_lastCallLog[0] != L'\0') {
+        Append(g_lastCallLog, Record("DllDetach").line);
+    }
+    return TRUE;
+}
+
+#ifdef OMK_RULE_PLUGIN_EXPORTS
+unsigned int WINAPI Rule_Initialize(const wchar_t* configXml) {
+    return Call(Record("Rule_Initialize").Text("config", configXml), L"Initialize", L"TestInitializeResult", configXml);
+}
+
+#ifndef OMK_TEST_WITHOUT_RULE_TRIGGERED
+unsigned int WINAPI Rule_Triggered(RULE* rule) {
+    return Call(Record("Rule_Triggered").Rule(rule), L"Triggered", L"TestTriggeredResult",
+                rule != nullptr ? rule->xml : nullptr);
+}
+#endif
+
+void WINAPI Rule_CloseDll(void) {
+    Call(Record("Rule_CloseDll"), L"CloseDll", nullptr, nullptr, false);
+}
+#endif
+
+#ifdef OMK_ACTION_PLUGIN_EXPORTS
+unsigned int WINAPI Action_Initialize(const wchar_t* configXml) {
+    return Call(Record("Action_Initialize").Text("config", configXml), L"Initialize", L"TestInitializeResult",
+                configXml);
+}
+
+void WINAPI Action_BeginEvaluation(void) {
+    Call(Record("Action_BeginEvaluation"), L"BeginEvaluation", nullptr, nullptr, false);
+}
+
+unsigned int WINAPI Action_Execute(RULE* rule, const wchar_t* actionXml) {
+    return Call(Record("Action_Execute").Text("actionXml", actionXml).Rule(rule), L"Execute", L"TestExecuteResult",
+                actionXml);
+}
+
+#ifndef OMK_TEST_WITHOUT_ACTION_END_EVALUATION
+unsigned int WINAPI Action_EndEvaluation(void) {
+    return Call(Record("Action_EndEvaluation"), L"EndEvaluation");
+}
+#endif
+
+void WINAPI Action_CloseDll(void) {
+    Call(Record("Action_CloseDll"), L"CloseDll", nullptr, nullptr, false);
+}
+#endif
