@@ -1,5 +1,9 @@
-// The log file itself: line layout, the size backup, and many writers at once.
+// The log file itself: line layout, both entry points, the backup and its
+// bound, and many writers at once under the shared lock.
 #include <gtest/gtest.h>
+
+#include <aclapi.h>
+#include <sddl.h>
 
 #include <set>
 #include <string>
@@ -9,36 +13,31 @@
 #include "omkErrors.h"
 #include "testSupport.h"
 
+extern "C" void ReportFromC(unsigned long error);
+
 namespace {
 
 using omktest::ErrorLog;
 
-TEST(ErrorLog, OneUtf8LinePerReportInTheProductLogFolder) {
+TEST(ErrorLog, OneUtf8LinePerReportFromCxxAndFromC) {
     ErrorLog log(L"omkErrors_test_layout.txt");
     wchar_t programData[MAX_PATH];
     GetEnvironmentVariableW(L"ProgramData", programData, MAX_PATH);
     EXPECT_EQ(std::wstring(programData) + L"\\Varn\\Orlemark\\Log\\omkErrors_test_layout.txt", log.Path());
 
-    OMK_ReportError(7, L"%hs(): SetEvent(%hs) err=%lu \u00e9", "StartTolvaneThread", "g_TolvaneEvent", 6ul);
+    OMK_ReportError(7, L"%hs(): SetEvent(%hs) err=%lu \u00e9 %d", "StartTolvaneThread", "g_TolvaneEvent", 6ul);
+    ReportFromC(5);
     std::string text = omktest::ReadFileBytes(log.Path());
-    ASSERT_GE(text.size(), 2u);
-    EXPECT_EQ("\r\n", text.substr(text.size() - 2));
     EXPECT_NE(0, text.compare(0, 3, "\xEF\xBB\xBF")) << "no byte-order mark";
-
-    char expectedHead[64];
-    snprintf(expectedHead, sizeof(expectedHead), " %lu %lu 7 ", GetCurrentProcessId(), GetCurrentThreadId());
-    EXPECT_NE(std::string::npos, text.find(expectedHead)) << text;
-    std::vector<std::string> messages = log.Messages();
-    ASSERT_EQ(1u, messages.size());
-    EXPECT_EQ("StartTolvaneThread(): SetEvent(g_TolvaneEvent) err=6 \xC3\xA9", messages[0]);
-    // yyyy-mm-dd hh:mm:ss.mmm
+    char head[64];
+    snprintf(head, sizeof(head), " %lu %lu 7 StartTolvaneThread", GetCurrentProcessId(), GetCurrentThreadId());
+    EXPECT_NE(std::string::npos, text.find(head)) << text;
     ASSERT_GE(text.size(), 24u);
-    EXPECT_EQ('-', text[4]);
-    EXPECT_EQ(' ', text[10]);
-    EXPECT_EQ('.', text[19]);
-}
+    EXPECT_EQ("-: .", text.substr(4, 1) + text.substr(13, 1) + text.substr(10, 1) + text.substr(19, 1));
+    EXPECT_EQ((std::vector<std::string>{"StartTolvaneThread(): SetEvent(g_TolvaneEvent) err=6 \xC3\xA9 %d",
+                                        "ReportFromC(): from C \xC3\xA9 err=5 0xff"}),
+              log.Messages());
 
-TEST(ErrorLog, CreatesAMissingFolderAndTakesFullPaths) {
     omktest::TempFolder temp;
     std::wstring path = temp.File(L"deeper\\still\\errors.txt");
     OMK_SetErrorLogName(path.c_str());
@@ -46,70 +45,76 @@ TEST(ErrorLog, CreatesAMissingFolderAndTakesFullPaths) {
     EXPECT_NE(std::string::npos, omktest::ReadFileBytes(path).find("into a new folder"));
 }
 
-TEST(ErrorLog, KeepsOneBackupAtOneMebibyte) {
+TEST(ErrorLog, KeepsOneBackupAtOneMebibyteAndStopsAtTwoWhileTheBackupCannotBeMade) {
     ErrorLog log(L"omkErrors_test_rotation.txt");
-    const std::wstring filler(200, L'x');
-    int reports = 0;
-    while (omktest::FileSize(log.Path()) < 1024 * 1024) {
-        OMK_ReportError(0, L"%d %s", reports++, filler.c_str());
+    const std::string line(99, 'x');
+    std::string mebibyte;
+    while (mebibyte.size() < 1024 * 1024) mebibyte += line + "\r\n";
+    ASSERT_TRUE(omktest::WriteFileBytes(log.Path(), mebibyte));
+    {
+        // Another program reads the log without delete sharing: no backup can be made.
+        HANDLE holder = CreateFileW(log.Path().c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                    OPEN_EXISTING, 0, nullptr);
+        ASSERT_NE(INVALID_HANDLE_VALUE, holder);
+        OMK_ReportError(0, L"still written below two mebibytes");
+        EXPECT_TRUE(log.Contains("still written below two mebibytes"));
+        ASSERT_TRUE(omktest::WriteFileBytes(log.Path(), mebibyte + mebibyte));
+        for (int i = 0; i < 3; ++i) OMK_ReportError(0, L"dropped %d", i);
+        EXPECT_EQ(2u * mebibyte.size(), omktest::FileSize(log.Path()));
+        EXPECT_FALSE(omktest::FileExists(log.Path() + L".bak"));
+        CloseHandle(holder);
     }
-    ASSERT_FALSE(omktest::FileExists(log.Path() + L".bak"));
     OMK_ReportError(0, L"first line of the new file");
-    ASSERT_TRUE(omktest::FileExists(log.Path() + L".bak"));
-    EXPECT_GE(omktest::FileSize(log.Path() + L".bak"), 1024u * 1024u);
-    EXPECT_LT(omktest::FileSize(log.Path() + L".bak"), 1024u * 1024u + 512u);
+    EXPECT_EQ(2u * mebibyte.size(), omktest::FileSize(log.Path() + L".bak"));
     std::string fresh = omktest::ReadFileBytes(log.Path());
     EXPECT_NE(std::string::npos, fresh.find("first line of the new file"));
     EXPECT_LT(fresh.size(), 200u);
 }
 
-// Every line "writer-N-I" must be present exactly once and whole.
-void ExpectAllLines(const std::string& text, const std::vector<std::string>& writers, int perWriter) {
-    std::multiset<std::string> seen;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find("\r\n", start);
-        ASSERT_NE(std::string::npos, end) << "torn last line";
-        std::string line = text.substr(start, end - start);
-        size_t tag = line.find("line ");
-        ASSERT_NE(std::string::npos, tag) << "torn line: " << line;
-        seen.insert(line.substr(tag));
-        start = end + 2;
-    }
-    for (const std::string& writer : writers) {
-        for (int i = 0; i < perWriter; ++i) {
-            std::string expected = "line " + writer + " " + std::to_string(i) + " end";
-            EXPECT_EQ(1u, seen.count(expected)) << expected;
-        }
-    }
-}
-
-TEST(ErrorLog, ThreadsAndProcessesLogAtOnceWithoutLosingOrTearingLines) {
+TEST(ErrorLog, ThreadsAndProcessesShareOneLockThatEveryUserMayWaitOn) {
     ErrorLog log(L"omkErrors_test_concurrent.txt");
     constexpr int kPerWriter = 300;
-    const std::wstring writer = omktest::ProgramFolder() + L"\\omkErrorsLogWriter.exe";
-    const std::wstring logPath = log.Path();
-
-    std::vector<std::thread> threads;
+    std::vector<std::thread> writers;
     std::vector<std::string> names;
-    for (int t = 0; t < 4; ++t) {
-        names.push_back("thread" + std::to_string(t));
-        threads.emplace_back([t] {
-            for (int i = 0; i < kPerWriter; ++i) OMK_ReportError(0, L"line thread%d %d end", t, i);
+    for (int w = 0; w < 6; ++w) {
+        names.push_back((w < 4 ? "thread" : "process") + std::to_string(w));
+        writers.emplace_back([&, w] {
+            if (w < 4) {
+                for (int i = 0; i < kPerWriter; ++i) OMK_ReportError(0, L"line thread%d %d end", w, i);
+                return;
+            }
+            EXPECT_EQ(0u, omktest::RunProcess(L"\"" + omktest::ProgramFolder() + L"\\omkErrorsLogWriter.exe\" \"" +
+                                              log.Path() + L"\" process" + std::to_wstring(w) + L" " +
+                                              std::to_wstring(kPerWriter)));
         });
     }
-    std::vector<std::thread> children;
-    for (int p = 0; p < 2; ++p) {
-        names.push_back("process" + std::to_string(p));
-        children.emplace_back([&, p] {
-            std::wstring command = L"\"" + writer + L"\" \"" + logPath + L"\" process" + std::to_wstring(p) + L" " +
-                                   std::to_wstring(kPerWriter);
-            EXPECT_EQ(0u, omktest::RunProcess(command));
-        });
+    for (auto& writer : writers) writer.join();
+    // Every line present exactly once and whole.
+    std::multiset<std::string> seen;
+    for (const std::string& message : log.Messages()) seen.insert(message);
+    for (const std::string& name : names) {
+        for (int i = 0; i < kPerWriter; ++i) {
+            EXPECT_EQ(1u, seen.count("line " + name + " " + std::to_string(i) + " end")) << name << " " << i;
+        }
     }
-    for (auto& thread : threads) thread.join();
-    for (auto& child : children) child.join();
-    ExpectAllLines(omktest::ReadFileBytes(log.Path()), names, kPerWriter);
+    EXPECT_EQ(names.size() * kPerWriter, seen.size());
+
+    // The lock a service creates must let a standard user's process wait on it and release it.
+    std::wstring name = L"Global\\OMKErrorLog:";
+    for (wchar_t c : log.Path()) name += c == L'\\' ? L'/' : static_cast<wchar_t>(towlower(c));
+    HANDLE mutex = OpenMutexW(READ_CONTROL, FALSE, name.c_str());
+    ASSERT_NE(nullptr, mutex) << "no lock named " << omktest::ToUtf8(name);
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    PACL dacl = nullptr;
+    ASSERT_EQ(0u, GetSecurityInfo(mutex, SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
+                                  nullptr, &descriptor));
+    wchar_t* sddl = nullptr;
+    ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &sddl,
+                                                         nullptr);
+    EXPECT_EQ(L"D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;0x100001;;;AU)", std::wstring(sddl != nullptr ? sddl : L"(none)"));
+    LocalFree(sddl);
+    LocalFree(descriptor);
+    CloseHandle(mutex);
 }
 
 }  // namespace
