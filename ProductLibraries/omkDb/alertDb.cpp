@@ -36,6 +36,10 @@ const char kUpgrade[] =
     "DROP TABLE alerts_v1;"
     "COMMIT";
 
+// The limit of the last store's trim while no other change followed: the
+// engine's trim after such a store has nothing to do and costs no query.
+long long g_keptAt = -1;
+
 // A connection with its statements, prepared once on first use.
 struct Connection {
     sqlite3* db = nullptr;
@@ -49,6 +53,7 @@ struct Connection {
     // `asFound`: a file found corrupt is closed without the usual checkpoint,
     // so that it is moved aside as it was.
     void Close(bool asFound = false) {
+        g_keptAt = -1;
         for (sqlite3_stmt** stmt : {&lookup, &insert, &span, &trim, &begin, &commit}) {
             sqlite3_finalize(*stmt);
             *stmt = nullptr;
@@ -60,7 +65,8 @@ struct Connection {
     }
     // The statement for `sql`, prepared on first use and reset for the next; null after a report.
     sqlite3_stmt* Get(sqlite3_stmt*& stmt, const char* sql, const wchar_t* function) {
-        if (stmt == nullptr && sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK) {
+        if (stmt == nullptr &&
+            sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK) {
             OMK_ReportError(0, L"%ls: preparing failed (%hs)", function, sqlite3_errmsg(db));
             return nullptr;
         }
@@ -78,9 +84,6 @@ Connection g_rw;
 // The caller's two open flags (the store and the trim connection of old).
 bool g_open[2] = {false, false};
 Connection g_ro;
-// The limit of this process's last trim, which every later store keeps in its
-// own commit; -1 before the first trim.
-long long g_trimLimit = -1;
 // Set when SQLite reports the file corrupt; the next creating open moves it aside.
 bool g_corruptSeen = false;
 // A file that could not be moved aside is reported once, not at every store.
@@ -170,8 +173,8 @@ int QueryInt(sqlite3* db, const char* sql, int* value) {
 // index kept beside the file after the last close so that readers without
 // write access to the folder can open it.
 int OpenReadWrite(const std::wstring& path, bool create, std::string& message) {
-    int rc = sqlite3_open_v2(ToUtf8(path).c_str(), &g_rw.db,
-                             SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0), nullptr);
+    int rc = sqlite3_open_v2(ToUtf8(path).c_str(), &g_rw.db, SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0),
+                             nullptr);
     sqlite3* db = g_rw.db;
     int walMode = 0;
     int persist = 1;
@@ -210,7 +213,8 @@ std::wstring CorruptName(const std::wstring& path) {
 
 void ReportMoveFailure(const std::wstring& file) {
     if (!g_moveFailureReported) {
-        OMK_ReportError(0, L"AlertDb_Open: could not move %ls aside err=%lu - the alerts are not stored until it can be",
+        OMK_ReportError(0,
+                        L"AlertDb_Open: could not move %ls aside err=%lu - the alerts are not stored until it can be",
                         file.c_str(), GetLastError());
     }
     g_moveFailureReported = true;
@@ -250,6 +254,52 @@ Connection* ReadConnection() {
     return g_ro.db != nullptr ? &g_ro : nullptr;
 }
 
+// Stores an alert and, with `keep` of 0 or more, deletes what a trim to `keep`
+// records would delete after it, in the same commit.
+int Store(unsigned long long creationTime, const char* utf8Xml, long long keep) {
+    if (utf8Xml == nullptr) {
+        OMK_ReportError(0, L"AlertDb_Write: null xml for creation time %I64u", creationTime);
+        return 0;
+    }
+    if (creationTime > 0x7FFFFFFFFFFFFFFFull) {
+        OMK_ReportError(0, L"AlertDb_Write: creation time %I64u is out of range", creationTime);
+        return 0;
+    }
+    if (g_rw.db == nullptr || !(g_open[kStore] || g_open[kTrim])) {
+        OMK_ReportError(0, L"AlertDb_Write: the database is not open");
+        return 0;
+    }
+    const wchar_t* me = L"AlertDb_Write";
+    sqlite3_stmt* begin = g_rw.Get(g_rw.begin, "BEGIN IMMEDIATE", me);
+    sqlite3_stmt* insert =
+        g_rw.Get(g_rw.insert, "INSERT INTO alerts(creation_time, xml, stored_utc) VALUES(?1, ?2, ?3)", me);
+    sqlite3_stmt* trim = g_rw.Get(g_rw.trim, "DELETE FROM alerts WHERE id <= ?1", me);
+    sqlite3_stmt* commit = g_rw.Get(g_rw.commit, "COMMIT", me);
+    if (begin == nullptr || insert == nullptr || trim == nullptr || commit == nullptr) return 0;
+    int rc = Step(begin);
+    if (rc == SQLITE_DONE) {
+        sqlite3_bind_int64(insert, 1, static_cast<sqlite3_int64>(creationTime));
+        sqlite3_bind_text(insert, 2, utf8Xml, -1, SQLITE_STATIC);
+        sqlite3_bind_int64(insert, 3, static_cast<sqlite3_int64>(NowUtc()));
+        rc = Step(insert);
+        sqlite3_clear_bindings(insert);
+    }
+    if (rc == SQLITE_DONE && keep >= 0) {
+        sqlite3_bind_int64(trim, 1, sqlite3_last_insert_rowid(g_rw.db) - keep);
+        rc = Step(trim);
+    }
+    if (rc == SQLITE_DONE) rc = Step(commit);
+    g_keptAt = rc == SQLITE_DONE ? keep : -1;
+    if (rc == SQLITE_DONE) return 1;
+    if (!sqlite3_get_autocommit(g_rw.db)) sqlite3_exec(g_rw.db, "ROLLBACK", nullptr, nullptr, nullptr);
+    if ((rc & 0xFF) == SQLITE_CONSTRAINT) {
+        OMK_ReportError(0, L"AlertDb_Write: an alert with creation time %I64u is stored already", creationTime);
+    } else {
+        OMK_ReportError(0, L"AlertDb_Write: storing %I64u failed %d (%hs)", creationTime, rc, sqlite3_errmsg(g_rw.db));
+    }
+    return 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -273,7 +323,6 @@ OMKDB_API int WINAPI FreeSqliteLib(void) {
     g_rw.Close();
     g_ro.Close();
     g_open[kStore] = g_open[kTrim] = false;
-    g_trimLimit = -1;
     sqlite3_shutdown();
     g_started = false;
     return 1;
@@ -376,8 +425,7 @@ OMKDB_API int WINAPI AlertDb_OpenReadOnly(const wchar_t* databasePath) {
         std::string message = g_ro.db != nullptr ? sqlite3_errmsg(g_ro.db) : sqlite3_errstr(rc);
         g_ro.Close();
         if ((rc & 0xFF) != SQLITE_CANTOPEN || Exists(path + L"-wal")) {
-            OMK_ReportError(0, L"AlertDb_OpenReadOnly: opening %ls failed %d (%hs)", path.c_str(), rc,
-                            message.c_str());
+            OMK_ReportError(0, L"AlertDb_OpenReadOnly: opening %ls failed %d (%hs)", path.c_str(), rc, message.c_str());
             return 0;
         }
     }
@@ -429,47 +477,13 @@ OMKDB_API int WINAPI AlertDb_ReadByCreationTimeW(unsigned long long creationTime
 
 OMKDB_API int WINAPI AlertDb_Write(unsigned long long creationTime, const char* utf8Xml) {
     LockGuard lock;
-    if (utf8Xml == nullptr) {
-        OMK_ReportError(0, L"AlertDb_Write: null xml for creation time %I64u", creationTime);
-        return 0;
-    }
-    if (creationTime > 0x7FFFFFFFFFFFFFFFull) {
-        OMK_ReportError(0, L"AlertDb_Write: creation time %I64u is out of range", creationTime);
-        return 0;
-    }
-    if (g_rw.db == nullptr || !(g_open[kStore] || g_open[kTrim])) {
-        OMK_ReportError(0, L"AlertDb_Write: the database is not open");
-        return 0;
-    }
-    const wchar_t* me = L"AlertDb_Write";
-    sqlite3_stmt* begin = g_rw.Get(g_rw.begin, "BEGIN IMMEDIATE", me);
-    sqlite3_stmt* insert = g_rw.Get(g_rw.insert, "INSERT INTO alerts(creation_time, xml, stored_utc) VALUES(?1, ?2, ?3)", me);
-    sqlite3_stmt* trim = g_rw.Get(g_rw.trim, "DELETE FROM alerts WHERE id <= ?1", me);
-    sqlite3_stmt* commit = g_rw.Get(g_rw.commit, "COMMIT", me);
-    if (begin == nullptr || insert == nullptr || trim == nullptr || commit == nullptr) return 0;
-    // The engine trims after every store: the trim that follows is made in
-    // this commit, so a store costs one synced commit, not two.
-    int rc = Step(begin);
-    if (rc == SQLITE_DONE) {
-        sqlite3_bind_int64(insert, 1, static_cast<sqlite3_int64>(creationTime));
-        sqlite3_bind_text(insert, 2, utf8Xml, -1, SQLITE_STATIC);
-        sqlite3_bind_int64(insert, 3, static_cast<sqlite3_int64>(NowUtc()));
-        rc = Step(insert);
-        sqlite3_clear_bindings(insert);
-    }
-    if (rc == SQLITE_DONE && g_trimLimit >= 0) {
-        sqlite3_bind_int64(trim, 1, sqlite3_last_insert_rowid(g_rw.db) - g_trimLimit);
-        rc = Step(trim);
-    }
-    if (rc == SQLITE_DONE) rc = Step(commit);
-    if (rc == SQLITE_DONE) return 1;
-    if (!sqlite3_get_autocommit(g_rw.db)) sqlite3_exec(g_rw.db, "ROLLBACK", nullptr, nullptr, nullptr);
-    if ((rc & 0xFF) == SQLITE_CONSTRAINT) {
-        OMK_ReportError(0, L"AlertDb_Write: an alert with creation time %I64u is stored already", creationTime);
-    } else {
-        OMK_ReportError(0, L"AlertDb_Write: storing %I64u failed %d (%hs)", creationTime, rc, sqlite3_errmsg(g_rw.db));
-    }
-    return 0;
+    return Store(creationTime, utf8Xml, -1);
+}
+
+OMKDB_API int WINAPI AlertDb_WriteAndTrim(unsigned long long creationTime, const char* utf8Xml,
+                                          unsigned int maxRecords) {
+    LockGuard lock;
+    return Store(creationTime, utf8Xml, maxRecords);
 }
 
 OMKDB_API int WINAPI AlertDb_Close(int storeConnection) {
@@ -486,9 +500,10 @@ OMKDB_API int WINAPI AlertDb_DeleteOldestRecords(unsigned int maxRecords) {
         OMK_ReportError(0, L"AlertDb_DeleteOldestRecords: the database is not open");
         return 0;
     }
-    g_trimLimit = maxRecords;
-    // Nothing to delete is the usual case (below the limit, or after a store
-    // that kept it): found from the two ends of the key, without a write.
+    if (g_keptAt >= 0 && g_keptAt == static_cast<long long>(maxRecords)) return 1;
+    g_keptAt = -1;
+    // Nothing to delete is the usual case below the limit: found from the two
+    // ends of the key, without a write.
     sqlite3_stmt* span = g_rw.Get(g_rw.span, "SELECT min(id), max(id) FROM alerts", L"AlertDb_DeleteOldestRecords");
     if (span == nullptr) return 0;
     int rc = Step(span);

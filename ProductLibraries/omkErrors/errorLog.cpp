@@ -120,8 +120,8 @@ void AppendLine(const std::wstring& path, const std::string& bytes) {
 
 std::string ToUtf8(const std::wstring& text) {
     if (text.empty()) return std::string();
-    int bytes = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr,
-                                    nullptr);
+    int bytes =
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     if (bytes <= 0) return std::string();
     std::string out(static_cast<size_t>(bytes), '\0');
     WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], bytes, nullptr, nullptr);
@@ -133,9 +133,8 @@ std::wstring LineHead(DWORD code) {
     SYSTEMTIME now;
     GetLocalTime(&now);
     wchar_t head[96];
-    _snwprintf(head, 95, L"%04u-%02u-%02u %02u:%02u:%02u.%03u %lu %lu %lu ", now.wYear, now.wMonth, now.wDay,
-               now.wHour, now.wMinute, now.wSecond, now.wMilliseconds, GetCurrentProcessId(), GetCurrentThreadId(),
-               code);
+    _snwprintf(head, 95, L"%04u-%02u-%02u %02u:%02u:%02u.%03u %lu %lu %lu ", now.wYear, now.wMonth, now.wDay, now.wHour,
+               now.wMinute, now.wSecond, now.wMilliseconds, GetCurrentProcessId(), GetCurrentThreadId(), code);
     head[95] = L'\0';
     return head;
 }
@@ -189,8 +188,7 @@ extern "C" int WINAPI OMK_FormatErrorArgs(wchar_t* buffer, int bufferChars, cons
     }
 }
 
-extern "C" void WINAPI OMK_ReportErrorArgs(DWORD code, const wchar_t* format, const OMK_ERROR_ARG* args,
-                                           int argCount) {
+extern "C" void WINAPI OMK_ReportErrorArgs(DWORD code, const wchar_t* format, const OMK_ERROR_ARG* args, int argCount) {
     try {
         std::wstring line = LineHead(code);
         omk_errors::FormatErrorText(line, format, args, argCount);

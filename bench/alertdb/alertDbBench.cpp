@@ -71,7 +71,8 @@ sqlite3* MakeDatabases(const std::wstring& path, const std::wstring& floorPath, 
     AlertDb_Close(1);
     sqlite3* db = nullptr;
     sqlite3_stmt* insert = nullptr;
-    bool ok = sqlite3_open_v2(Utf8(path).c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK && Exec(db, "BEGIN");
+    bool ok =
+        sqlite3_open_v2(Utf8(path).c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK && Exec(db, "BEGIN");
     ok = ok && sqlite3_prepare_v2(db, "INSERT INTO alerts(creation_time, xml, stored_utc) VALUES(?1, ?2, 0)", -1,
                                   &insert, nullptr) == SQLITE_OK;
     for (unsigned i = 0; ok && i < records; ++i) {
@@ -117,8 +118,8 @@ bool AddRound(const std::wstring& folder, unsigned records, unsigned long long t
     swprintf(g_alertFileName, OMK_ALERT_FILE_NAME_CHARS, L"%s%s_%02d%02d%04d%02d%02d%02d%s", g_serviceTag,
              L"-ZORA_Alerts", st.wMonth, st.wDay, st.wYear, st.wHour, st.wMinute, st.wSecond, L".xml");
     const std::string xml = Alert(t);
-    HANDLE file = CreateFileW((folder + L"\\" + g_alertFileName).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0,
-                              nullptr);
+    HANDLE file =
+        CreateFileW((folder + L"\\" + g_alertFileName).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
     DWORD written = 0;
     bool ok = file != INVALID_HANDLE_VALUE &&
               WriteFile(file, xml.data(), static_cast<DWORD>(xml.size()), &written, nullptr) && written == xml.size();

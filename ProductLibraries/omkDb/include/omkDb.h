@@ -29,6 +29,8 @@
 // writes nothing to the folder, neither while the service runs nor while it is
 // stopped.
 //
+// One process writes the database, the service; other processes read it.
+//
 // Every failure returns 0 and is reported through the error log (omkErrors);
 // nothing here throws or crashes the caller on bad arguments. The functions
 // may be called from any thread; they serialise on one lock.
@@ -98,12 +100,17 @@ OMKDB_API int WINAPI AlertDb_ReadByCreationTimeW(unsigned long long creationTime
 
 // Stores a new alert: the creation time (at most 0x7FFFFFFFFFFFFFFF, as every
 // FILETIME is) and the zero-terminated UTF-8 text, committed and synced before
-// the call returns. Once this process has trimmed (AlertDb_DeleteOldestRecords),
-// a store also makes, in the same commit, the trim to that limit that the
-// engine makes after every store: the following trim then finds nothing to
-// delete, and a store costs one synced commit. A creation time that is stored
-// already fails (the stored record is kept). Nonzero on success.
+// the call returns. A creation time that is stored already fails (the stored
+// record is kept). Nonzero on success.
 OMKDB_API int WINAPI AlertDb_Write(unsigned long long creationTime, const char* utf8Xml);
+
+// AlertDb_Write and AlertDb_DeleteOldestRecords(maxRecords) in one commit: a
+// store that keeps the database at its size costs one synced commit, not two,
+// and a trim to the same limit right after it returns at once (this process
+// is the database's only writer). Reports and results are those of
+// AlertDb_Write; the trim adds none.
+OMKDB_API int WINAPI AlertDb_WriteAndTrim(unsigned long long creationTime, const char* utf8Xml,
+                                          unsigned int maxRecords);
 
 // Ends the open that AlertDb_Open made with the same first flag. Returns 1,
 // also when it was not open.
@@ -112,8 +119,7 @@ OMKDB_API int WINAPI AlertDb_Close(int storeConnection);
 // Keeps the `maxRecords` records stored last and deletes the others (all of
 // them for 0), whatever their creation times say: a clock that ran ahead for
 // a while does not make the alerts stored after it the "oldest". Costs two
-// key lookups when nothing needs deleting. Later stores of this process keep
-// the same limit (see AlertDb_Write). Nonzero on success.
+// key lookups when nothing needs deleting. Nonzero on success.
 OMKDB_API int WINAPI AlertDb_DeleteOldestRecords(unsigned int maxRecords);
 
 #ifdef __cplusplus

@@ -1,9 +1,7 @@
 // Second process of the alert database tests.
-//   alertDbClient write <first> <mapping>       stores first, first+1, ... until killed, counting each
-//                                               stored one in the mapping
+//   alertDbClient write <first> <count>         stores first, first+1, ... and is killed right after
 //   alertDbClient read <first> <count> <event>  opens read-only, sets the event, then reads each record
 //                                               in turn (waiting up to 60 s for it) and checks its text
-//   alertDbClient hold <ms> <event>             holds the write lock for that long, setting the event once held
 //   alertDbClient store <time>                  stores one record and reports it to the error log
 // Exit code 0 means everything went as expected.
 #include <stdlib.h>
@@ -14,18 +12,17 @@
 #include "alertDbTestData.h"
 #include "omkDb.h"
 #include "omkErrors.h"
-#include "sqlite3.h"
 
 namespace {
 
-int Write(unsigned long long first, const wchar_t* mappingName) {
-    HANDLE mapping = OpenFileMappingW(FILE_MAP_WRITE, FALSE, mappingName);
-    auto* stored = static_cast<volatile LONG*>(MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, sizeof(LONG)));
-    if (stored == nullptr || !InitSqliteLib() || !AlertDb_Open(1, 1)) return 10;
-    for (unsigned long long t = first;; ++t) {
+// Killed (exit code 7) right after the last store was reported, with nothing closed.
+int Write(unsigned long long first, unsigned long long count) {
+    if (!InitSqliteLib() || !AlertDb_Open(1, 1)) return 10;
+    for (unsigned long long t = first; t < first + count; ++t) {
         if (!AlertDb_Write(t, alertdbtest::AlertXml(t).c_str())) return 11;
-        InterlockedIncrement(stored);  // only after the library said it is stored
     }
+    TerminateProcess(GetCurrentProcess(), 7);
+    return 12;
 }
 
 int Read(unsigned long long first, unsigned long long count, const wchar_t* eventName) {
@@ -51,20 +48,6 @@ int Read(unsigned long long first, unsigned long long count, const wchar_t* even
     return 0;
 }
 
-int Hold(DWORD ms, const wchar_t* eventName) {
-    HANDLE held = OpenEventW(EVENT_MODIFY_STATE, FALSE, eventName);
-    char path[MAX_PATH * 3];
-    WideCharToMultiByte(CP_UTF8, 0, alertdbtest::DatabasePath().c_str(), -1, path, sizeof(path), nullptr, nullptr);
-    sqlite3* db = nullptr;
-    if (held == nullptr || sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK ||
-        sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-        return 30;
-    }
-    SetEvent(held);
-    Sleep(ms);
-    return sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK && sqlite3_close(db) == SQLITE_OK ? 0 : 31;
-}
-
 int Store(unsigned long long time) {
     if (!InitSqliteLib() || !AlertDb_Open(1, 1) || !AlertDb_Write(time, "<stored/>")) return 40;
     OMK_ReportError(0, L"stored %I64u", time);
@@ -77,9 +60,8 @@ int Store(unsigned long long time) {
 int wmain(int argc, wchar_t** argv) {
     OMK_SetErrorLogName(L"alertDbClient.txt");
     const unsigned long long n = argc > 2 ? _wcstoui64(argv[2], nullptr, 10) : 0;
-    if (argc == 4 && wcscmp(argv[1], L"write") == 0) return Write(n, argv[3]);
+    if (argc == 4 && wcscmp(argv[1], L"write") == 0) return Write(n, _wcstoui64(argv[3], nullptr, 10));
     if (argc == 5 && wcscmp(argv[1], L"read") == 0) return Read(n, _wcstoui64(argv[3], nullptr, 10), argv[4]);
-    if (argc == 4 && wcscmp(argv[1], L"hold") == 0) return Hold(static_cast<DWORD>(n), argv[3]);
     if (argc == 3 && wcscmp(argv[1], L"store") == 0) return Store(n);
     return 2;
 }

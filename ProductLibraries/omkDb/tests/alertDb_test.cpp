@@ -1,14 +1,17 @@
 // The alert database on a real SQLite file in the test prefix, with second
-// processes that write and get killed, read without write access, or hold the lock.
+// processes that write and get killed, or read without write access.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
 
 #include <algorithm>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "alertDbTestData.h"
+#include "cdef.h"
 #include "omkDb.h"
 #include "sqlite3.h"
 #include "testSupport.h"
@@ -16,30 +19,18 @@
 namespace {
 
 using alertdbtest::AlertXml;
-using alertdbtest::DatabasePath;
-using alertdbtest::DataFolder;
 
-// A second process (alertDbClient), killed at the end of its scope if it still runs.
-struct Client {
-    PROCESS_INFORMATION info = {};
-    explicit Client(const std::wstring& arguments) {
-        std::wstring line = L"\"" + omktest::ProgramFolder() + L"\\alertDbClient.exe\" " + arguments;
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof(startup);
-        CreateProcessW(nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info);
-    }
-    ~Client() {
-        TerminateProcess(info.hProcess, 0xDEAD);
-        WaitForSingleObject(info.hProcess, 10000);
-        CloseHandle(info.hThread);
-        CloseHandle(info.hProcess);
-    }
-    DWORD Wait() {
-        DWORD code = 0xDEAD;
-        if (WaitForSingleObject(info.hProcess, 90000) == WAIT_OBJECT_0) GetExitCodeProcess(info.hProcess, &code);
-        return code;
-    }
-};
+// Where the library keeps the database: the product's Data folder, by the service's rule.
+std::wstring DataFolder() {
+    return CDef::GetInstance().FOLDER_OMK_DATABASE;
+}
+std::wstring DatabasePath() {
+    return DataFolder() + L"\\omkAlerts.db";
+}
+
+std::wstring ClientCommand(const std::wstring& arguments) {
+    return L"\"" + omktest::ProgramFolder() + L"\\alertDbClient.exe\" " + arguments;
+}
 
 // A named event for a handshake with the second process.
 struct NamedEvent {
@@ -76,22 +67,18 @@ protected:
         return xml;
     }
 
-    // Runs the statements of `sql` with SQLite directly; the first column of each row.
-    static std::vector<std::string> Query(const char* sql) {
-        std::vector<std::string> rows;
+    // Runs `sql` with SQLite directly: the first column of each row, joined by "|".
+    static std::string Query(const char* sql) {
+        std::string rows;
         sqlite3* db = nullptr;
         sqlite3_open(omktest::ToUtf8(DatabasePath()).c_str(), &db);
-        for (sqlite3_stmt* stmt = nullptr; *sql != '\0'; sqlite3_finalize(stmt)) {
-            if (sqlite3_prepare_v2(db, sql, -1, &stmt, &sql) != SQLITE_OK) {
-                rows.push_back(std::string("error: ") + sqlite3_errmsg(db));
-                break;
-            }
-            while (sqlite3_step(stmt) == SQLITE_ROW) {
-                const unsigned char* text = sqlite3_column_text(stmt, 0);
-                rows.push_back(text != nullptr ? reinterpret_cast<const char*>(text) : "NULL");
-            }
-        }
+        auto row = [](void* out, int, char** values, char**) {
+            *static_cast<std::string*>(out) += (values[0] != nullptr ? values[0] : "NULL") + std::string("|");
+            return 0;
+        };
+        if (sqlite3_exec(db, sql, row, &rows, nullptr) != SQLITE_OK) rows += sqlite3_errmsg(db);
         sqlite3_close(db);
+        if (!rows.empty() && rows.back() == '|') rows.pop_back();
         return rows;
     }
 
@@ -115,7 +102,6 @@ TEST_F(AlertDb, StoresTheBytesAsGivenRefusesADuplicateAndFailsBadCallsWithARepor
     EXPECT_FALSE(AlertDb_DeleteOldestRecords(3));
     EXPECT_FALSE(AlertDb_Open(0, 0)) << "only a creating open makes the file";
     EXPECT_FALSE(AlertDb_OpenReadOnly(nullptr));
-    EXPECT_FALSE(omktest::FileExists(DatabasePath()));
 
     FILETIME before, after;
     GetSystemTimeAsFileTime(&before);
@@ -135,26 +121,26 @@ TEST_F(AlertDb, StoresTheBytesAsGivenRefusesADuplicateAndFailsBadCallsWithARepor
     EXPECT_TRUE(AlertDb_Close(1));
     EXPECT_EQ("<none>", ReadXml(created)) << "closed: " << log.Since();
 
-    EXPECT_EQ((std::vector<std::string>{"wal", xml, "132567891090000000 text"}),
-              Query("PRAGMA journal_mode; SELECT xml FROM alerts UNION ALL SELECT creation_time || ' ' || "
-                    "typeof(xml) FROM alerts"));
-    unsigned long long storedUtc = _strtoui64(Query("SELECT stored_utc FROM alerts").at(0).c_str(), nullptr, 10);
+    EXPECT_EQ("wal", Query("PRAGMA journal_mode"));
+    EXPECT_EQ(xml + "|132567891090000000 text",
+              Query("SELECT xml FROM alerts UNION ALL SELECT creation_time || ' ' || typeof(xml) FROM alerts"));
+    unsigned long long storedUtc = _strtoui64(Query("SELECT stored_utc FROM alerts").c_str(), nullptr, 10);
     EXPECT_GE(storedUtc, (static_cast<unsigned long long>(before.dwHighDateTime) << 32) | before.dwLowDateTime);
     EXPECT_LE(storedUtc, (static_cast<unsigned long long>(after.dwHighDateTime) << 32) | after.dwLowDateTime);
     EXPECT_TRUE(FreeSqliteLib()) << "closes what is still open";
     EXPECT_FALSE(AlertDb_Open(1, 1));
     const std::string path = omktest::ToUtf8(DatabasePath());
-    EXPECT_EQ((std::vector<std::string>{
-                  "AlertDb_Write: the database is not open", "AlertDb_ReadByCreationTimeW: the database is not open",
-                  "AlertDb_DeleteOldestRecords: the database is not open", "AlertDb_Open: " + path + " does not exist",
-                  "AlertDb_OpenReadOnly: " + path + " does not exist",
-                  "AlertDb_Write: an alert with creation time 132567891090000000 is stored already",
-                  "AlertDb_Write: null xml for creation time 2",
-                  "AlertDb_Write: creation time 9223372036854775808 is out of range",
-                  "AlertDb_ReadByCreationTimeW: null record pointer",
-                  "AlertDb_ReadByCreationTimeW: the database is not open",
-                  "AlertDb_Open: InitSqliteLib has not been called"}),
-              log.Messages());
+    EXPECT_EQ(
+        (std::vector<std::string>{
+            "AlertDb_Write: the database is not open", "AlertDb_ReadByCreationTimeW: the database is not open",
+            "AlertDb_DeleteOldestRecords: the database is not open", "AlertDb_Open: " + path + " does not exist",
+            "AlertDb_OpenReadOnly: " + path + " does not exist",
+            "AlertDb_Write: an alert with creation time 132567891090000000 is stored already",
+            "AlertDb_Write: null xml for creation time 2",
+            "AlertDb_Write: creation time 9223372036854775808 is out of range",
+            "AlertDb_ReadByCreationTimeW: null record pointer", "AlertDb_ReadByCreationTimeW: the database is not open",
+            "AlertDb_Open: InitSqliteLib has not been called"}),
+        log.Messages());
 }
 
 TEST_F(AlertDb, TrimKeepsTheAlertsStoredLastWhateverTheirCreationTimesAndUpgradesTheFirstLayout) {
@@ -164,28 +150,31 @@ TEST_F(AlertDb, TrimKeepsTheAlertsStoredLastWhateverTheirCreationTimesAndUpgrade
     for (unsigned long long t : {ahead, ahead + 1, ahead + 2, now, now + 1}) ASSERT_TRUE(AlertDb_Write(t, "<a/>"));
     ASSERT_TRUE(AlertDb_Open(0, 0));
     EXPECT_TRUE(AlertDb_DeleteOldestRecords(5));
-    EXPECT_EQ(std::vector<std::string>{"5"}, Query("SELECT count(*) FROM alerts"));
+    EXPECT_EQ("5", Query("SELECT count(*) FROM alerts"));
     EXPECT_TRUE(AlertDb_DeleteOldestRecords(3));
-    const std::string expected = std::to_string(ahead + 2) + " " + std::to_string(now) + " " + std::to_string(now + 1);
-    EXPECT_EQ(std::vector<std::string>{expected}, Query("SELECT group_concat(creation_time, ' ') FROM (SELECT creation_time FROM alerts ORDER BY id)"));
-    // Later stores keep that limit in their own commit.
-    ASSERT_TRUE(AlertDb_Write(now + 2, "<a/>"));
-    EXPECT_EQ(std::vector<std::string>{"3"}, Query("SELECT count(*) FROM alerts"));
+    EXPECT_EQ(std::to_string(ahead + 2) + "|" + std::to_string(now) + "|" + std::to_string(now + 1),
+              Query("SELECT creation_time FROM alerts ORDER BY id"));
+    // A store with its trim in the same commit.
+    ASSERT_TRUE(AlertDb_WriteAndTrim(now + 2, "<a/>", 3));
+    EXPECT_EQ("3", Query("SELECT count(*) FROM alerts"));
     EXPECT_EQ("<none>", ReadXml(ahead + 2));
+    ASSERT_TRUE(AlertDb_WriteAndTrim(now + 3, "<a/>", 5));
+    EXPECT_EQ("4", Query("SELECT count(*) FROM alerts"));
     EXPECT_TRUE(AlertDb_DeleteOldestRecords(0));
-    EXPECT_EQ(std::vector<std::string>{"0"}, Query("SELECT count(*) FROM alerts"));
+    EXPECT_EQ("0", Query("SELECT count(*) FROM alerts"));
     FreeSqliteLib();
 
     // A file of the first layout: its order of storing is its store times.
     omktest::RemoveTree(DataFolder());
     CreateDirectoryW(DataFolder().c_str(), nullptr);
-    Query("CREATE TABLE alerts(creation_time INTEGER PRIMARY KEY, xml TEXT NOT NULL, stored_utc INTEGER NOT NULL);"
-          "INSERT INTO alerts VALUES(30, 'a', 1), (20, 'b', 2), (10, 'c', 3)");
+    Query(
+        "CREATE TABLE alerts(creation_time INTEGER PRIMARY KEY, xml TEXT NOT NULL, stored_utc INTEGER NOT NULL);"
+        "INSERT INTO alerts VALUES(30, 'a', 1), (20, 'b', 2), (10, 'c', 3)");
     ASSERT_TRUE(InitSqliteLib());
     ASSERT_TRUE(AlertDb_Open(1, 1));
     EXPECT_TRUE(AlertDb_DeleteOldestRecords(2));
     EXPECT_EQ("b", ReadXml(20));
-    EXPECT_EQ(std::vector<std::string>{"2 20,3 10"}, Query("SELECT group_concat(x) FROM (SELECT id || ' ' || creation_time AS x FROM alerts ORDER BY id)"));
+    EXPECT_EQ("2 20|3 10", Query("SELECT id || ' ' || creation_time FROM alerts ORDER BY id"));
     EXPECT_EQ("", log.Since());
 }
 
@@ -213,59 +202,45 @@ TEST_F(AlertDb, ACorruptFileThatCannotBeMovedIsRetriedAtTheNextOpenAndItsWalNeve
         ASSERT_NE(INVALID_HANDLE_VALUE, holder);
         EXPECT_FALSE(AlertDb_Open(1, 1));
         EXPECT_FALSE(AlertDb_Open(1, 1));
-        std::vector<std::string> messages = log.Messages();
-        EXPECT_EQ(1, std::count_if(messages.begin(), messages.end(), [](const std::string& m) {
-                      return m.find("could not move") != std::string::npos;
-                  })) << log.Since();
+        const std::string since = log.Since();
+        EXPECT_TRUE(since.find("could not move") != std::string::npos &&
+                    since.find("could not move") == since.rfind("could not move"))
+            << "reported once: " << since;
         CloseHandle(holder);
         ASSERT_TRUE(AlertDb_Open(1, 1)) << log.Since();
         EXPECT_EQ("<none>", ReadXml(1)) << "the stale WAL was applied";
         EXPECT_TRUE(log.Contains(" is not a valid database - moved aside to ")) << log.Since();
         FreeSqliteLib();
     }
-    // Both files moved aside, the first with its WAL beside it; the second's WAL could only be deleted.
-    std::vector<std::wstring> copies = Files();
-    copies.erase(std::remove_if(copies.begin(), copies.end(),
-                                [](const std::wstring& n) { return n.find(L".corrupt-") == std::wstring::npos; }),
-                 copies.end());
-    ASSERT_EQ(3u, copies.size());
-    std::string contents;
-    for (const std::wstring& name : copies) {
-        std::string bytes = omktest::ReadFileBytes(DataFolder() + L"\\" + name);
-        contents += bytes == garbage ? "G" : bytes == staleWal && name.size() == 39 ? "W" : "?";
+    // Both files moved aside, the first with its WAL beside it.
+    std::multiset<std::string> copies;
+    for (const std::wstring& name : Files()) {
+        if (name.find(L".corrupt-") != std::wstring::npos)
+            copies.insert(omktest::ReadFileBytes(DataFolder() + L"\\" + name));
     }
-    std::sort(contents.begin(), contents.end());
-    EXPECT_EQ("GGW", contents);
-    SYSTEMTIME utc;
-    GetSystemTime(&utc);
-    EXPECT_EQ(L"omkAlerts.db.corrupt-" + std::to_wstring(utc.wYear), copies[0].substr(0, 25)) << "a UTC stamp";
+    EXPECT_TRUE((std::multiset<std::string>{garbage, garbage, staleWal}) == copies);
 }
 
-TEST_F(AlertDb, EveryAlertReportedStoredSurvivesAKilledWriterAndALockIsWaitedFor) {
-    std::wstring mappingName = L"omkDbTestStored" + std::to_wstring(GetCurrentProcessId());
-    HANDLE mapping = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, mappingName.c_str());
-    auto* stored = static_cast<volatile LONG*>(MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, sizeof(LONG)));
-    ASSERT_NE(nullptr, stored);
+TEST_F(AlertDb, EveryAlertReportedStoredSurvivesTheWriterKilledRightAfterAndALockIsWaitedFor) {
     const unsigned long long first = 1000000;
-    {
-        Client writer(L"write " + std::to_wstring(first) + L" " + mappingName);
-        ASSERT_TRUE(omktest::WaitFor([&] { return *stored >= 60; }, 60000)) << "the writer did not get going";
-    }  // killed here, in the middle of its writes
-    const LONG reported = *stored;
+    EXPECT_EQ(7u, omktest::RunProcess(ClientCommand(L"write " + std::to_wstring(first) + L" 100")));
     ASSERT_TRUE(AlertDb_Open(1, 1));
-    for (LONG i = 0; i < reported; ++i) ASSERT_EQ(AlertXml(first + i), ReadXml(first + i)) << i << " of " << reported;
-    LONG rows = atol(Query("SELECT count(*) FROM alerts").at(0).c_str());
-    EXPECT_TRUE(rows == reported || rows == reported + 1) << rows << " rows, " << reported << " reported";
-    UnmapViewOfFile(const_cast<LONG*>(stored));
-    CloseHandle(mapping);
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(AlertXml(first + i), ReadXml(first + i)) << i;
+    EXPECT_EQ("100", Query("SELECT count(*) FROM alerts"));
 
-    NamedEvent held;
-    Client holder(L"hold 400 " + held.name);
-    ASSERT_TRUE(held.WaitSet());
+    // Another connection holds the write lock for a while: the store waits for it.
+    sqlite3* holder = nullptr;
+    sqlite3_open(omktest::ToUtf8(DatabasePath()).c_str(), &holder);
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(holder, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr));
+    std::thread release([holder] {
+        Sleep(400);
+        sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
+    });
     const DWORD start = GetTickCount();
     EXPECT_TRUE(AlertDb_Write(1, "<after/>"));
     EXPECT_GE(GetTickCount() - start, 300u) << "the write went through a held lock";
-    EXPECT_EQ(0u, holder.Wait());
+    release.join();
+    sqlite3_close(holder);
     EXPECT_EQ("<after/>", ReadXml(1));
 }
 
@@ -274,13 +249,14 @@ TEST_F(AlertDb, AProcessWithoutWriteAccessReadsWhileTheServiceWritesAndWhileItIs
     const int count = 200;
     ASSERT_TRUE(AlertDb_Open(1, 1));
     ASSERT_TRUE(AlertDb_Write(first, AlertXml(first).c_str()));
-    {
-        NamedEvent ready;
-        Client reader(L"read " + std::to_wstring(first) + L" " + std::to_wstring(count) + L" " + ready.name);
-        ASSERT_TRUE(ready.WaitSet()) << "the reader did not open the database";
-        for (int i = 1; i < count; ++i) ASSERT_TRUE(AlertDb_Write(first + i, AlertXml(first + i).c_str()));
-        EXPECT_EQ(0u, reader.Wait()) << "21 torn record, 22 time-out";
-    }
+    const std::wstring read = ClientCommand(L"read " + std::to_wstring(first) + L" " + std::to_wstring(count) + L" ");
+    NamedEvent ready;
+    DWORD result = 0xBAD;
+    std::thread reader([&] { result = omktest::RunProcess(read + ready.name, 90000); });
+    EXPECT_TRUE(ready.WaitSet()) << "the reader did not open the database";
+    for (int i = 1; i < count; ++i) ASSERT_TRUE(AlertDb_Write(first + i, AlertXml(first + i).c_str()));
+    reader.join();
+    EXPECT_EQ(0u, result) << "21 torn record, 22 time-out";
     FreeSqliteLib();  // the service stopped
 
     // No other process may write any of the files now, nor go unnoticed adding one.
@@ -289,9 +265,7 @@ TEST_F(AlertDb, AProcessWithoutWriteAccessReadsWhileTheServiceWritesAndWhileItIs
     std::vector<HANDLE> holders;
     for (const std::wstring& name : files) holders.push_back(Hold(DataFolder() + L"\\" + name, FILE_SHARE_READ));
     const std::string bytes = omktest::ReadFileBytes(DatabasePath());
-    NamedEvent ready;
-    Client reader(L"read " + std::to_wstring(first) + L" " + std::to_wstring(count) + L" " + ready.name);
-    EXPECT_EQ(0u, reader.Wait());
+    EXPECT_EQ(0u, omktest::RunProcess(read + ready.name));
     EXPECT_EQ(files, Files());
     EXPECT_TRUE(bytes == omktest::ReadFileBytes(DatabasePath()));
     for (HANDLE holder : holders) CloseHandle(holder);
