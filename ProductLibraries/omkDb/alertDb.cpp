@@ -21,16 +21,17 @@ constexpr int kTrim = 0;
 // `id` is the order of storing: rows are only ever deleted from its low end,
 // so the ids of the stored rows are consecutive and the trim can count the
 // newest n from the greatest id without reading the table.
-const char kCreateTable[] =
-    "CREATE TABLE IF NOT EXISTS alerts(id INTEGER PRIMARY KEY, creation_time INTEGER NOT NULL UNIQUE, "
-    "xml TEXT NOT NULL, stored_utc INTEGER NOT NULL)";
+#define OMKDB_ALERTS_TABLE                                                                      \
+    "alerts(id INTEGER PRIMARY KEY, creation_time INTEGER NOT NULL UNIQUE, xml TEXT NOT NULL, " \
+    "stored_utc INTEGER NOT NULL)"
+const char kCreateTable[] = "CREATE TABLE IF NOT EXISTS " OMKDB_ALERTS_TABLE;
 // Files of the first layout had creation_time as the key and so no order of
 // storing: it is rebuilt once, in the order of the store times.
 const char kUpgrade[] =
     "BEGIN IMMEDIATE;"
     "ALTER TABLE alerts RENAME TO alerts_v1;"
-    "CREATE TABLE alerts(id INTEGER PRIMARY KEY, creation_time INTEGER NOT NULL UNIQUE, xml TEXT NOT NULL, "
-    "stored_utc INTEGER NOT NULL);"
+    "CREATE TABLE " OMKDB_ALERTS_TABLE
+    ";"
     "INSERT INTO alerts(creation_time, xml, stored_utc) "
     "SELECT creation_time, xml, stored_utc FROM alerts_v1 ORDER BY stored_utc, creation_time;"
     "DROP TABLE alerts_v1;"
@@ -81,7 +82,8 @@ bool g_started = false;
 // The read-write connection: opened by the first AlertDb_Open and kept until
 // FreeSqliteLib, so a store costs its insert, not a connection set-up.
 Connection g_rw;
-// The caller's two open flags (the store and the trim connection of old).
+// Whether the caller has the database open, per first flag of AlertDb_Open
+// (1 the store open, 0 the trim open).
 bool g_open[2] = {false, false};
 Connection g_ro;
 // Set when SQLite reports the file corrupt; the next creating open moves it aside.
@@ -97,13 +99,13 @@ public:
     LockGuard& operator=(const LockGuard&) = delete;
 };
 
-// Corruption seen on the read-write connection has the file replaced at the
-// next creating open. A reader's view of the file never does: it may be one
-// that raced a writer.
 bool IsCorruption(int rc) {
     return (rc & 0xFF) == SQLITE_CORRUPT || (rc & 0xFF) == SQLITE_NOTADB;
 }
 
+// Corruption seen on the read-write connection has the file replaced at the
+// next creating open. A reader's view of the file never does: it may be one
+// that raced a writer.
 void NoteResult(sqlite3* db, int rc) {
     if (db != nullptr && db == g_rw.db && IsCorruption(rc)) g_corruptSeen = true;
 }
@@ -193,7 +195,7 @@ int OpenReadWrite(const std::wstring& path, bool create, std::string& message) {
     if (rc == SQLITE_OK && create) rc = Exec(db, kCreateTable);
     if (rc != SQLITE_OK) {
         message = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
-        if (!sqlite3_get_autocommit(db)) sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+        if (db != nullptr && !sqlite3_get_autocommit(db)) sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
         g_rw.Close(IsCorruption(rc));
     }
     return rc;
@@ -291,12 +293,12 @@ int Store(unsigned long long creationTime, const char* utf8Xml, long long keep) 
     if (rc == SQLITE_DONE) rc = Step(commit);
     g_keptAt = rc == SQLITE_DONE ? keep : -1;
     if (rc == SQLITE_DONE) return 1;
-    if (!sqlite3_get_autocommit(g_rw.db)) sqlite3_exec(g_rw.db, "ROLLBACK", nullptr, nullptr, nullptr);
     if ((rc & 0xFF) == SQLITE_CONSTRAINT) {
         OMK_ReportError(0, L"AlertDb_Write: an alert with creation time %I64u is stored already", creationTime);
     } else {
         OMK_ReportError(0, L"AlertDb_Write: storing %I64u failed %d (%hs)", creationTime, rc, sqlite3_errmsg(g_rw.db));
     }
+    if (!sqlite3_get_autocommit(g_rw.db)) sqlite3_exec(g_rw.db, "ROLLBACK", nullptr, nullptr, nullptr);
     return 0;
 }
 
