@@ -1,13 +1,14 @@
 // omkDb.dll: the alert database on SQLite. See include/omkDb.h for the contract.
 #include "omkDb.h"
 
-#include <shlobj.h>
 #include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <string>
 
+#include "cdef.h"
+#include "fileHelper.h"
 #include "omkErrors.h"
 #include "sqlite3.h"
 
@@ -17,21 +18,78 @@ constexpr int kBusyTimeoutMs = 5000;
 constexpr int kStore = 1;
 constexpr int kTrim = 0;
 
-const char kCreateTable[] =
-    "CREATE TABLE IF NOT EXISTS alerts("
-    "creation_time INTEGER PRIMARY KEY, xml TEXT NOT NULL, stored_utc INTEGER NOT NULL)";
-// Each 2 KB alert fills a table page of its own, so counting off the newest n
-// in the table reads n pages (130 ms for 10,000 alerts). The keys alone sit
-// in a few pages of this index, which the trim's count uses instead.
-const char kCreateIndex[] = "CREATE INDEX IF NOT EXISTS alerts_creation_time ON alerts(creation_time)";
+// `id` is the order of storing: rows are only ever deleted from its low end,
+// so the ids of the stored rows are consecutive and the trim can count the
+// newest n from the greatest id without reading the table.
+#define OMKDB_ALERTS_TABLE                                                                      \
+    "alerts(id INTEGER PRIMARY KEY, creation_time INTEGER NOT NULL UNIQUE, xml TEXT NOT NULL, " \
+    "stored_utc INTEGER NOT NULL)"
+const char kCreateTable[] = "CREATE TABLE IF NOT EXISTS " OMKDB_ALERTS_TABLE;
+// Files of the first layout had creation_time as the key and so no order of
+// storing: it is rebuilt once, in the order of the store times.
+const char kUpgrade[] =
+    "BEGIN IMMEDIATE;"
+    "ALTER TABLE alerts RENAME TO alerts_v1;"
+    "CREATE TABLE " OMKDB_ALERTS_TABLE
+    ";"
+    "INSERT INTO alerts(creation_time, xml, stored_utc) "
+    "SELECT creation_time, xml, stored_utc FROM alerts_v1 ORDER BY stored_utc, creation_time;"
+    "DROP TABLE alerts_v1;"
+    "COMMIT";
+
+// The limit of the last store's trim while no other change followed: the
+// engine's trim after such a store has nothing to do and costs no query.
+long long g_keptAt = -1;
+
+// A connection with its statements, prepared once on first use.
+struct Connection {
+    sqlite3* db = nullptr;
+    sqlite3_stmt* lookup = nullptr;
+    sqlite3_stmt* insert = nullptr;
+    sqlite3_stmt* span = nullptr;
+    sqlite3_stmt* trim = nullptr;
+    sqlite3_stmt* begin = nullptr;
+    sqlite3_stmt* commit = nullptr;
+
+    // `asFound`: a file found corrupt is closed without the usual checkpoint,
+    // so that it is moved aside as it was.
+    void Close(bool asFound = false) {
+        g_keptAt = -1;
+        for (sqlite3_stmt** stmt : {&lookup, &insert, &span, &trim, &begin, &commit}) {
+            sqlite3_finalize(*stmt);
+            *stmt = nullptr;
+        }
+        int unused = 0;
+        if (asFound && db != nullptr) sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, &unused);
+        sqlite3_close_v2(db);
+        db = nullptr;
+    }
+    // The statement for `sql`, prepared on first use and reset for the next; null after a report.
+    sqlite3_stmt* Get(sqlite3_stmt*& stmt, const char* sql, const wchar_t* function) {
+        if (stmt == nullptr &&
+            sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK) {
+            OMK_ReportError(0, L"%ls: preparing failed (%hs)", function, sqlite3_errmsg(db));
+            return nullptr;
+        }
+        return stmt;
+    }
+};
 
 // One lock for the whole library: the service calls from its engine thread
 // only, but a second caller must not see a connection half opened or closed.
 SRWLOCK g_lock = SRWLOCK_INIT;
 bool g_started = false;
-sqlite3* g_db[2] = {nullptr, nullptr};  // [kTrim], [kStore]
+// The read-write connection: opened by the first AlertDb_Open and kept until
+// FreeSqliteLib, so a store costs its insert, not a connection set-up.
+Connection g_rw;
+// Whether the caller has the database open, per first flag of AlertDb_Open
+// (1 the store open, 0 the trim open).
+bool g_open[2] = {false, false};
+Connection g_ro;
 // Set when SQLite reports the file corrupt; the next creating open moves it aside.
 bool g_corruptSeen = false;
+// A file that could not be moved aside is reported once, not at every store.
+bool g_moveFailureReported = false;
 
 class LockGuard {
 public:
@@ -41,56 +99,40 @@ public:
     LockGuard& operator=(const LockGuard&) = delete;
 };
 
-// Finalizes a prepared statement on every way out.
-class Statement {
-public:
-    Statement() = default;
-    ~Statement() { sqlite3_finalize(stmt_); }
-    Statement(const Statement&) = delete;
-    Statement& operator=(const Statement&) = delete;
-    sqlite3_stmt** Out() { return &stmt_; }
-    sqlite3_stmt* Get() const { return stmt_; }
-
-private:
-    sqlite3_stmt* stmt_ = nullptr;
-};
-
 bool IsCorruption(int rc) {
-    int primary = rc & 0xFF;
-    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+    return (rc & 0xFF) == SQLITE_CORRUPT || (rc & 0xFF) == SQLITE_NOTADB;
 }
 
-// Remembers corruption so the next creating open starts a new file.
-void NoteResult(int rc) {
-    if (IsCorruption(rc)) g_corruptSeen = true;
+// Corruption seen on the read-write connection has the file replaced at the
+// next creating open. A reader's view of the file never does: it may be one
+// that raced a writer.
+void NoteResult(sqlite3* db, int rc) {
+    if (db != nullptr && db == g_rw.db && IsCorruption(rc)) g_corruptSeen = true;
+}
+
+// Steps a cached statement and resets it unless it stopped at a row (the
+// caller reads that first and resets it then).
+int Step(sqlite3_stmt* stmt) {
+    int rc = sqlite3_step(stmt);
+    NoteResult(sqlite3_db_handle(stmt), rc);
+    if (rc != SQLITE_ROW) sqlite3_reset(stmt);
+    return rc;
 }
 
 // SQLite's own diagnostics (corruption found, WAL frames recovered after a
 // killed writer, I/O errors) go to the error log as well. A failed unlock is
 // left out: SQLite ignores it, and Wine answers ERROR_LOCK_VIOLATION where
 // Windows answers ERROR_NOT_LOCKED (which SQLite does not log), so it would
-// fill the log with one line per store.
+// fill the log with one line per store. Failed opens and duplicate creation
+// times are reported by the caller, which knows what they mean.
 void SqliteLog(void*, int code, const char* message) {
-    if (code == SQLITE_IOERR_UNLOCK) return;
+    if (code == SQLITE_IOERR_UNLOCK || (code & 0xFF) == SQLITE_CANTOPEN || (code & 0xFF) == SQLITE_CONSTRAINT) return;
     OMK_ReportError(0, L"SQLite: (%d) %hs", code, message);
 }
 
-// %ProgramData% first, as the service's folders and its error log take it, so
-// that all of them agree where the environment differs from the known folder
-// (a service under Wine gets C:\users\Public there).
-std::wstring DataFolder() {
-    wchar_t fromEnvironment[MAX_PATH];
-    DWORD n = GetEnvironmentVariableW(L"ProgramData", fromEnvironment, MAX_PATH);
-    if (n > 0 && n < MAX_PATH) return std::wstring(fromEnvironment, n) + L"\\Varn\\Orlemark\\Data";
-    std::wstring folder;
-    wchar_t* programData = nullptr;
-    if (SUCCEEDED(SHGetKnownFolderPath(FOLDERID_ProgramData, 0, nullptr, &programData)) && programData != nullptr) {
-        folder = programData;
-    } else {
-        folder = L"C:\\ProgramData";
-    }
-    CoTaskMemFree(programData);
-    return folder + L"\\Varn\\Orlemark\\Data";
+std::wstring DatabasePath() {
+    const wchar_t* folder = CDef::GetInstance().FOLDER_OMK_DATABASE;
+    return folder[0] != L'\0' ? std::wstring(folder) + L"\\omkAlerts.db" : std::wstring();
 }
 
 std::string ToUtf8(const std::wstring& text) {
@@ -102,49 +144,61 @@ std::string ToUtf8(const std::wstring& text) {
     return out;
 }
 
+bool Exists(const std::wstring& path) {
+    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
 unsigned long long NowUtc() {
     FILETIME now;
     GetSystemTimeAsFileTime(&now);
     return (static_cast<unsigned long long>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
 }
 
-// Runs one statement that returns nothing the caller needs.
 int Exec(sqlite3* db, const char* sql) {
     int rc = sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
-    NoteResult(rc);
+    NoteResult(db, rc);
     return rc;
 }
 
-// Switches the connection to WAL; the pragma answers with the mode in force.
-int SetWal(sqlite3* db) {
-    Statement stmt;
-    int rc = sqlite3_prepare_v2(db, "PRAGMA journal_mode=WAL", -1, stmt.Out(), nullptr);
-    if (rc == SQLITE_OK) rc = sqlite3_step(stmt.Get());
-    NoteResult(rc);
-    if (rc != SQLITE_ROW) return rc;
-    const unsigned char* mode = sqlite3_column_text(stmt.Get(), 0);
-    return (mode != nullptr && _stricmp(reinterpret_cast<const char*>(mode), "wal") == 0) ? SQLITE_OK : SQLITE_ERROR;
+// The first column of the first row of `sql` as a number (0 when there is none).
+int QueryInt(sqlite3* db, const char* sql, int* value) {
+    sqlite3_stmt* stmt = nullptr;
+    int rc = sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_step(stmt);
+    *value = rc == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : 0;
+    sqlite3_finalize(stmt);
+    NoteResult(db, rc);
+    return rc == SQLITE_ROW || rc == SQLITE_DONE ? SQLITE_OK : rc;
 }
 
-// Opens and prepares one connection. On failure *db is null and the SQLite
-// result is returned (with the connection's message in `message`).
-int OpenConnection(const std::wstring& path, bool create, sqlite3** db, std::string& message) {
-    *db = nullptr;
-    sqlite3* conn = nullptr;
-    int flags = SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0);
-    int rc = sqlite3_open_v2(ToUtf8(path).c_str(), &conn, flags, nullptr);
-    if (rc == SQLITE_OK) rc = sqlite3_busy_timeout(conn, kBusyTimeoutMs);
-    if (rc == SQLITE_OK) rc = SetWal(conn);
-    if (rc == SQLITE_OK) rc = Exec(conn, "PRAGMA synchronous=FULL");
-    if (rc == SQLITE_OK && create) rc = Exec(conn, kCreateTable);
-    if (rc == SQLITE_OK && create) rc = Exec(conn, kCreateIndex);
-    if (rc != SQLITE_OK) {
-        message = conn != nullptr ? sqlite3_errmsg(conn) : sqlite3_errstr(rc);
-        sqlite3_close_v2(conn);
-        return rc;
+// Opens the read-write connection: WAL, every commit synced, the WAL and its
+// index kept beside the file after the last close so that readers without
+// write access to the folder can open it.
+int OpenReadWrite(const std::wstring& path, bool create, std::string& message) {
+    int rc = sqlite3_open_v2(ToUtf8(path).c_str(), &g_rw.db, SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0),
+                             nullptr);
+    sqlite3* db = g_rw.db;
+    int walMode = 0;
+    int persist = 1;
+    if (rc == SQLITE_OK) rc = sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    if (rc == SQLITE_OK) rc = sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
+    if (rc == SQLITE_OK) rc = Exec(db, "PRAGMA journal_mode=WAL");
+    if (rc == SQLITE_OK) rc = QueryInt(db, "SELECT journal_mode='wal' FROM pragma_journal_mode", &walMode);
+    if (rc == SQLITE_OK && !walMode) rc = SQLITE_ERROR;
+    if (rc == SQLITE_OK) rc = Exec(db, "PRAGMA synchronous=FULL; PRAGMA journal_size_limit=4194304");
+    int firstLayout = 0;
+    if (rc == SQLITE_OK) {
+        rc = QueryInt(db, "SELECT count(*) FROM pragma_table_info('alerts') WHERE name='creation_time' AND pk=1",
+                      &firstLayout);
     }
-    *db = conn;
-    return SQLITE_OK;
+    if (rc == SQLITE_OK && firstLayout) rc = Exec(db, kUpgrade);
+    if (rc == SQLITE_OK && create) rc = Exec(db, kCreateTable);
+    if (rc != SQLITE_OK) {
+        message = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+        if (db != nullptr && !sqlite3_get_autocommit(db)) sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+        g_rw.Close(IsCorruption(rc));
+    }
+    return rc;
 }
 
 std::wstring CorruptName(const std::wstring& path) {
@@ -154,46 +208,98 @@ std::wstring CorruptName(const std::wstring& path) {
     _snwprintf(stamp, 31, L"%04u%02u%02u%02u%02u%02u", utc.wYear, utc.wMonth, utc.wDay, utc.wHour, utc.wMinute,
                utc.wSecond);
     stamp[31] = L'\0';
-    return path + L".corrupt-" + stamp;
+    std::wstring target = path + L".corrupt-" + stamp;
+    for (int n = 2; Exists(target); ++n) target = path + L".corrupt-" + stamp + L"-" + std::to_wstring(n);
+    return target;
 }
 
-// Moves a corrupt database (with its WAL, which belongs to it) out of the way;
-// an earlier corrupt copy of the same second is kept under a numbered name.
-bool MoveAside(const std::wstring& path) {
-    std::wstring base = CorruptName(path);
-    std::wstring target = base;
-    for (int n = 2; GetFileAttributesW(target.c_str()) != INVALID_FILE_ATTRIBUTES; ++n) {
-        target = base + L"-" + std::to_wstring(n);
+void ReportMoveFailure(const std::wstring& file) {
+    if (!g_moveFailureReported) {
+        OMK_ReportError(0,
+                        L"AlertDb_Open: could not move %ls aside err=%lu - the alerts are not stored until it can be",
+                        file.c_str(), GetLastError());
     }
-    if (!MoveFileExW(path.c_str(), target.c_str(), MOVEFILE_WRITE_THROUGH)) {
-        OMK_ReportError(0, L"AlertDb_Open: could not move %ls aside to %ls err=%lu", path.c_str(), target.c_str(),
-                        GetLastError());
+    g_moveFailureReported = true;
+}
+
+// Moves a corrupt database out of the way with the WAL that belongs to it. A
+// file that is gone counts as moved. A WAL left at the path would be applied
+// to the next database made there, so it goes too or nothing is made.
+bool MoveAside(const std::wstring& path) {
+    const std::wstring target = CorruptName(path);
+    const bool moved = MoveFileExW(path.c_str(), target.c_str(), MOVEFILE_WRITE_THROUGH) != 0;
+    if (!moved && Exists(path)) {
+        ReportMoveFailure(path);
         return false;
     }
-    std::wstring wal = path + L"-wal";
-    if (GetFileAttributesW(wal.c_str()) != INVALID_FILE_ATTRIBUTES &&
-        !MoveFileExW(wal.c_str(), (target + L"-wal").c_str(), MOVEFILE_WRITE_THROUGH)) {
-        OMK_ReportError(0, L"AlertDb_Open: could not move %ls aside err=%lu", wal.c_str(), GetLastError());
-        if (!DeleteFileW(wal.c_str())) return false;  // a stale WAL must not meet the new file
+    if (moved) {
+        OMK_ReportError(0, L"AlertDb_Open: %ls is not a valid database - moved aside to %ls, starting a new one",
+                        path.c_str(), target.c_str());
     }
-    DeleteFileW((path + L"-shm").c_str());
-    OMK_ReportError(0, L"AlertDb_Open: %ls is not a valid database - moved aside to %ls, starting a new one",
-                    path.c_str(), target.c_str());
+    const std::wstring wal = path + L"-wal";
+    const std::wstring index = path + L"-shm";
+    bool walGone = !Exists(wal) || (moved && MoveFileExW(wal.c_str(), (target + L"-wal").c_str(), 0)) ||
+                   DeleteFileW(wal.c_str()) || !Exists(wal);
+    if (!walGone || (!DeleteFileW(index.c_str()) && Exists(index))) {
+        ReportMoveFailure(walGone ? index : wal);
+        return false;
+    }
     g_corruptSeen = false;
+    g_moveFailureReported = false;
     return true;
 }
 
-void CloseSlot(int slot) {
-    if (g_db[slot] != nullptr) {
-        sqlite3_close_v2(g_db[slot]);
-        g_db[slot] = nullptr;
-    }
+// The connection reads and writes use: the read-write one while the caller
+// has it open, else the read-only one; null when neither is.
+Connection* ReadConnection() {
+    if (g_rw.db != nullptr && (g_open[kStore] || g_open[kTrim])) return &g_rw;
+    return g_ro.db != nullptr ? &g_ro : nullptr;
 }
 
-// The connection a read or write uses, or null when none is open.
-sqlite3* PickConnection(int preferred) {
-    if (g_db[preferred] != nullptr) return g_db[preferred];
-    return g_db[preferred == kStore ? kTrim : kStore];
+// Stores an alert and, with `keep` of 0 or more, deletes what a trim to `keep`
+// records would delete after it, in the same commit.
+int Store(unsigned long long creationTime, const char* utf8Xml, long long keep) {
+    if (utf8Xml == nullptr) {
+        OMK_ReportError(0, L"AlertDb_Write: null xml for creation time %I64u", creationTime);
+        return 0;
+    }
+    if (creationTime > 0x7FFFFFFFFFFFFFFFull) {
+        OMK_ReportError(0, L"AlertDb_Write: creation time %I64u is out of range", creationTime);
+        return 0;
+    }
+    if (g_rw.db == nullptr || !(g_open[kStore] || g_open[kTrim])) {
+        OMK_ReportError(0, L"AlertDb_Write: the database is not open");
+        return 0;
+    }
+    const wchar_t* me = L"AlertDb_Write";
+    sqlite3_stmt* begin = g_rw.Get(g_rw.begin, "BEGIN IMMEDIATE", me);
+    sqlite3_stmt* insert =
+        g_rw.Get(g_rw.insert, "INSERT INTO alerts(creation_time, xml, stored_utc) VALUES(?1, ?2, ?3)", me);
+    sqlite3_stmt* trim = g_rw.Get(g_rw.trim, "DELETE FROM alerts WHERE id <= ?1", me);
+    sqlite3_stmt* commit = g_rw.Get(g_rw.commit, "COMMIT", me);
+    if (begin == nullptr || insert == nullptr || trim == nullptr || commit == nullptr) return 0;
+    int rc = Step(begin);
+    if (rc == SQLITE_DONE) {
+        sqlite3_bind_int64(insert, 1, static_cast<sqlite3_int64>(creationTime));
+        sqlite3_bind_text(insert, 2, utf8Xml, -1, SQLITE_STATIC);
+        sqlite3_bind_int64(insert, 3, static_cast<sqlite3_int64>(NowUtc()));
+        rc = Step(insert);
+        sqlite3_clear_bindings(insert);
+    }
+    if (rc == SQLITE_DONE && keep >= 0) {
+        sqlite3_bind_int64(trim, 1, sqlite3_last_insert_rowid(g_rw.db) - keep);
+        rc = Step(trim);
+    }
+    if (rc == SQLITE_DONE) rc = Step(commit);
+    g_keptAt = rc == SQLITE_DONE ? keep : -1;
+    if (rc == SQLITE_DONE) return 1;
+    if ((rc & 0xFF) == SQLITE_CONSTRAINT) {
+        OMK_ReportError(0, L"AlertDb_Write: an alert with creation time %I64u is stored already", creationTime);
+    } else {
+        OMK_ReportError(0, L"AlertDb_Write: storing %I64u failed %d (%hs)", creationTime, rc, sqlite3_errmsg(g_rw.db));
+    }
+    if (!sqlite3_get_autocommit(g_rw.db)) sqlite3_exec(g_rw.db, "ROLLBACK", nullptr, nullptr, nullptr);
+    return 0;
 }
 
 }  // namespace
@@ -216,8 +322,9 @@ OMKDB_API int WINAPI InitSqliteLib(void) {
 OMKDB_API int WINAPI FreeSqliteLib(void) {
     LockGuard lock;
     if (!g_started) return 1;
-    CloseSlot(kStore);
-    CloseSlot(kTrim);
+    g_rw.Close();
+    g_ro.Close();
+    g_open[kStore] = g_open[kTrim] = false;
     sqlite3_shutdown();
     g_started = false;
     return 1;
@@ -229,40 +336,108 @@ OMKDB_API int WINAPI AlertDb_Open(int storeConnection, int createWhenMissing) {
         OMK_ReportError(0, L"AlertDb_Open: InitSqliteLib has not been called");
         return 0;
     }
-    int slot = storeConnection ? kStore : kTrim;
-    if (g_db[slot] != nullptr) return 1;
-    bool create = createWhenMissing != 0;
-
-    std::wstring folder = DataFolder();
-    std::wstring path = folder + L"\\omkAlerts.db";
+    const int slot = storeConnection ? kStore : kTrim;
+    const bool create = createWhenMissing != 0;
+    if (g_rw.db != nullptr && !(create && g_corruptSeen)) {
+        g_open[slot] = true;
+        return 1;
+    }
+    const std::wstring path = DatabasePath();
+    if (path.empty()) {
+        OMK_ReportError(0, L"AlertDb_Open: the product has no data folder");
+        return 0;
+    }
     if (create) {
-        int made = SHCreateDirectoryExW(nullptr, folder.c_str(), nullptr);
-        if (made != ERROR_SUCCESS && made != ERROR_ALREADY_EXISTS && made != ERROR_FILE_EXISTS) {
-            OMK_ReportError(0, L"AlertDb_Open: could not create folder %ls err=%d", folder.c_str(), made);
+        std::wstring folder = path.substr(0, path.size() - wcslen(L"\\omkAlerts.db"));
+        DWORD made = CFileHelper::MakeDirectory(folder.c_str(), nullptr);
+        if (made != ERROR_SUCCESS) {
+            OMK_ReportError(0, L"AlertDb_Open: could not create folder %ls err=%lu", folder.c_str(), made);
             return 0;
         }
-    } else if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) {
+    } else if (!Exists(path)) {
         OMK_ReportError(0, L"AlertDb_Open: %ls does not exist", path.c_str());
         return 0;
     }
 
+    // A corrupt file is replaced only by a creating open, after the connection to it is gone.
     if (create && g_corruptSeen) {
-        // The file cannot move while this process still holds it open.
-        CloseSlot(slot == kStore ? kTrim : kStore);
+        g_rw.Close(true);
         if (!MoveAside(path)) return 0;
     }
+    // A journal left without its database must not meet the new one.
+    if (create && !Exists(path) && !MoveAside(path)) return 0;
 
     std::string message;
-    int rc = OpenConnection(path, create, &g_db[slot], message);
+    int rc = OpenReadWrite(path, create, message);
     if (rc != SQLITE_OK && create && IsCorruption(rc)) {
-        CloseSlot(slot == kStore ? kTrim : kStore);
         if (!MoveAside(path)) return 0;
-        rc = OpenConnection(path, create, &g_db[slot], message);
+        rc = OpenReadWrite(path, create, message);
     }
     if (rc != SQLITE_OK) {
         OMK_ReportError(0, L"AlertDb_Open: opening %ls failed %d (%hs)", path.c_str(), rc, message.c_str());
         return 0;
     }
+    g_open[slot] = true;
+    return 1;
+}
+
+OMKDB_API int WINAPI AlertDb_OpenReadOnly(const wchar_t* databasePath) {
+    LockGuard lock;
+    if (!g_started) {
+        OMK_ReportError(0, L"AlertDb_OpenReadOnly: InitSqliteLib has not been called");
+        return 0;
+    }
+    if (g_ro.db != nullptr) return 1;
+    const std::wstring path = databasePath != nullptr ? std::wstring(databasePath) : DatabasePath();
+    if (path.empty() || !Exists(path)) {
+        OMK_ReportError(0, L"AlertDb_OpenReadOnly: %ls does not exist", path.c_str());
+        return 0;
+    }
+    // As a URI, so that the WAL index is opened read-only too ("%", "?" and "#" escaped).
+    std::string uri = "file:";
+    for (char c : ToUtf8(path)) {
+        if (c == '%' || c == '?' || c == '#') {
+            char escaped[4];
+            _snprintf(escaped, sizeof(escaped), "%%%02X", static_cast<unsigned char>(c));
+            uri.append(escaped, 3);
+        } else {
+            uri += c == '\\' ? '/' : c;
+        }
+    }
+    // Without write access SQLite's open of the WAL for writing fails before
+    // it falls back to reading; its retries (meant for a virus scanner's
+    // passing lock) would only add seconds here.
+    int noRetries[2] = {0, -1};
+    int rc = SQLITE_OK;
+    for (const char* options : {"?mode=ro&readonly_shm=1", "?mode=ro&immutable=1"}) {
+        rc = sqlite3_open_v2((uri + options).c_str(), &g_ro.db, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+        int unused = 0;
+        if (rc == SQLITE_OK) rc = sqlite3_busy_timeout(g_ro.db, kBusyTimeoutMs);
+        if (rc == SQLITE_OK) rc = sqlite3_db_config(g_ro.db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, &unused);
+        if (rc == SQLITE_OK) {
+            int usualRetries[2] = {-1, -1};
+            sqlite3_file_control(g_ro.db, "main", SQLITE_FCNTL_WIN32_AV_RETRY, usualRetries);
+            sqlite3_file_control(g_ro.db, "main", SQLITE_FCNTL_WIN32_AV_RETRY, noRetries);
+            rc = QueryInt(g_ro.db, "SELECT count(*) FROM sqlite_master", &unused);
+            sqlite3_file_control(g_ro.db, "main", SQLITE_FCNTL_WIN32_AV_RETRY, usualRetries);
+        }
+        if (rc == SQLITE_OK) return 1;
+        // No WAL beside the file and no right to make one: nobody writes it
+        // now, so the file alone is the whole database.
+        std::string message = g_ro.db != nullptr ? sqlite3_errmsg(g_ro.db) : sqlite3_errstr(rc);
+        g_ro.Close();
+        if ((rc & 0xFF) != SQLITE_CANTOPEN || Exists(path + L"-wal")) {
+            OMK_ReportError(0, L"AlertDb_OpenReadOnly: opening %ls failed %d (%hs)", path.c_str(), rc, message.c_str());
+            return 0;
+        }
+    }
+    OMK_ReportError(0, L"AlertDb_OpenReadOnly: opening %ls failed %d", path.c_str(), rc);
+    return 0;
+}
+
+OMKDB_API int WINAPI AlertDb_CloseReadOnly(void) {
+    LockGuard lock;
+    g_ro.Close();
     return 1;
 }
 
@@ -272,95 +447,81 @@ OMKDB_API int WINAPI AlertDb_ReadByCreationTimeW(unsigned long long creationTime
         OMK_ReportError(0, L"AlertDb_ReadByCreationTimeW: null record pointer");
         return 0;
     }
-    sqlite3* db = PickConnection(kStore);
-    if (db == nullptr) {
+    Connection* connection = ReadConnection();
+    if (connection == nullptr) {
         OMK_ReportError(0, L"AlertDb_ReadByCreationTimeW: the database is not open");
         return 0;
     }
-    Statement stmt;
-    int rc = sqlite3_prepare_v2(db, "SELECT xml FROM alerts WHERE creation_time=?1", -1, stmt.Out(), nullptr);
-    if (rc == SQLITE_OK) rc = sqlite3_bind_int64(stmt.Get(), 1, static_cast<sqlite3_int64>(creationTime));
-    if (rc == SQLITE_OK) rc = sqlite3_step(stmt.Get());
-    NoteResult(rc);
+    sqlite3_stmt* stmt = connection->Get(connection->lookup, "SELECT xml FROM alerts WHERE creation_time=?1",
+                                         L"AlertDb_ReadByCreationTimeW");
+    if (stmt == nullptr) return 0;
+    sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(creationTime));
+    int rc = Step(stmt);
     if (rc == SQLITE_DONE) return 0;
     if (rc != SQLITE_ROW) {
         OMK_ReportError(0, L"AlertDb_ReadByCreationTimeW: reading %I64u failed %d (%hs)", creationTime, rc,
-                        sqlite3_errmsg(db));
+                        sqlite3_errmsg(connection->db));
         return 0;
     }
-    const void* text = sqlite3_column_text(stmt.Get(), 0);
-    size_t bytes = static_cast<size_t>(sqlite3_column_bytes(stmt.Get(), 0));
+    const void* text = sqlite3_column_text(stmt, 0);
+    size_t bytes = static_cast<size_t>(sqlite3_column_bytes(stmt, 0));
     ALERT_DB_RECORD* block = static_cast<ALERT_DB_RECORD*>(malloc(offsetof(ALERT_DB_RECORD, xml) + bytes + 1));
-    if (block == nullptr) {
-        OMK_ReportError(0, L"AlertDb_ReadByCreationTimeW: out of memory for %zu bytes", bytes);
-        return 0;
+    if (block != nullptr) {
+        block->creationTime = creationTime;
+        if (bytes > 0) memcpy(block->xml, text, bytes);
+        block->xml[bytes] = '\0';
+        *record = block;
     }
-    block->creationTime = creationTime;
-    if (bytes > 0) memcpy(block->xml, text, bytes);
-    block->xml[bytes] = '\0';
-    *record = block;
-    return 1;
+    sqlite3_reset(stmt);
+    if (block == nullptr) OMK_ReportError(0, L"AlertDb_ReadByCreationTimeW: out of memory for %zu bytes", bytes);
+    return block != nullptr ? 1 : 0;
 }
 
 OMKDB_API int WINAPI AlertDb_Write(unsigned long long creationTime, const char* utf8Xml) {
     LockGuard lock;
-    if (utf8Xml == nullptr) {
-        OMK_ReportError(0, L"AlertDb_Write: null xml for creation time %I64u", creationTime);
-        return 0;
-    }
-    if (creationTime > 0x7FFFFFFFFFFFFFFFull) {
-        OMK_ReportError(0, L"AlertDb_Write: creation time %I64u is out of range", creationTime);
-        return 0;
-    }
-    sqlite3* db = PickConnection(kStore);
-    if (db == nullptr) {
-        OMK_ReportError(0, L"AlertDb_Write: the database is not open");
-        return 0;
-    }
-    Statement stmt;
-    int rc = sqlite3_prepare_v2(db, "INSERT INTO alerts(creation_time, xml, stored_utc) VALUES(?1, ?2, ?3)", -1,
-                                stmt.Out(), nullptr);
-    if (rc == SQLITE_OK) rc = sqlite3_bind_int64(stmt.Get(), 1, static_cast<sqlite3_int64>(creationTime));
-    if (rc == SQLITE_OK) rc = sqlite3_bind_text(stmt.Get(), 2, utf8Xml, -1, SQLITE_STATIC);
-    if (rc == SQLITE_OK) rc = sqlite3_bind_int64(stmt.Get(), 3, static_cast<sqlite3_int64>(NowUtc()));
-    if (rc == SQLITE_OK) rc = sqlite3_step(stmt.Get());
-    NoteResult(rc);
-    if (rc == SQLITE_DONE) return 1;
-    if ((rc & 0xFF) == SQLITE_CONSTRAINT) {
-        OMK_ReportError(0, L"AlertDb_Write: an alert with creation time %I64u is stored already", creationTime);
-    } else {
-        OMK_ReportError(0, L"AlertDb_Write: storing %I64u failed %d (%hs)", creationTime, rc, sqlite3_errmsg(db));
-    }
-    return 0;
+    return Store(creationTime, utf8Xml, -1);
+}
+
+OMKDB_API int WINAPI AlertDb_WriteAndTrim(unsigned long long creationTime, const char* utf8Xml,
+                                          unsigned int maxRecords) {
+    LockGuard lock;
+    return Store(creationTime, utf8Xml, maxRecords);
 }
 
 OMKDB_API int WINAPI AlertDb_Close(int storeConnection) {
     LockGuard lock;
-    CloseSlot(storeConnection ? kStore : kTrim);
+    // Every statement commits as it runs: nothing is pending here. The
+    // connection itself stays for the next open.
+    g_open[storeConnection ? kStore : kTrim] = false;
     return 1;
 }
 
 OMKDB_API int WINAPI AlertDb_DeleteOldestRecords(unsigned int maxRecords) {
     LockGuard lock;
-    sqlite3* db = PickConnection(kTrim);
-    if (db == nullptr) {
+    if (g_rw.db == nullptr || !(g_open[kStore] || g_open[kTrim])) {
         OMK_ReportError(0, L"AlertDb_DeleteOldestRecords: the database is not open");
         return 0;
     }
-    // The key is unique, so everything older than the maxRecords-th newest goes.
-    const char* sql = maxRecords == 0 ? "DELETE FROM alerts"
-                                      : "DELETE FROM alerts WHERE creation_time < (SELECT creation_time FROM alerts "
-                                        "ORDER BY creation_time DESC LIMIT 1 OFFSET ?1)";
-    Statement stmt;
-    int rc = sqlite3_prepare_v2(db, sql, -1, stmt.Out(), nullptr);
-    if (rc == SQLITE_OK && maxRecords > 0) {
-        rc = sqlite3_bind_int64(stmt.Get(), 1, static_cast<sqlite3_int64>(maxRecords) - 1);
+    if (g_keptAt >= 0 && g_keptAt == static_cast<long long>(maxRecords)) return 1;
+    g_keptAt = -1;
+    // Nothing to delete is the usual case below the limit: found from the two
+    // ends of the key, without a write.
+    sqlite3_stmt* span = g_rw.Get(g_rw.span, "SELECT min(id), max(id) FROM alerts", L"AlertDb_DeleteOldestRecords");
+    if (span == nullptr) return 0;
+    int rc = Step(span);
+    sqlite3_int64 oldest = rc == SQLITE_ROW ? sqlite3_column_int64(span, 0) : 0;
+    sqlite3_int64 newest = rc == SQLITE_ROW ? sqlite3_column_int64(span, 1) : 0;
+    if (rc == SQLITE_ROW) rc = Step(span);
+    sqlite3_stmt* trim = nullptr;
+    if (rc == SQLITE_DONE && newest - static_cast<sqlite3_int64>(maxRecords) >= oldest && newest > 0) {
+        trim = g_rw.Get(g_rw.trim, "DELETE FROM alerts WHERE id <= ?1", L"AlertDb_DeleteOldestRecords");
+        if (trim == nullptr) return 0;
+        sqlite3_bind_int64(trim, 1, newest - static_cast<sqlite3_int64>(maxRecords));
+        rc = Step(trim);
     }
-    if (rc == SQLITE_OK) rc = sqlite3_step(stmt.Get());
-    NoteResult(rc);
     if (rc != SQLITE_DONE) {
         OMK_ReportError(0, L"AlertDb_DeleteOldestRecords: keeping %u records failed %d (%hs)", maxRecords, rc,
-                        sqlite3_errmsg(db));
+                        sqlite3_errmsg(g_rw.db));
         return 0;
     }
     return 1;

@@ -1,36 +1,32 @@
-// Time to store one 2 KB alert in the alert database of 30 and of 10,000
-// records. The floor is one SQLite insert of the same bytes on an open
-// connection in the library's transaction mode (WAL, synchronous=FULL, one
-// transaction per alert); against it stands the database work the engine does
-// per alert through omkDb: open the store connection, look the creation time
-// up, write, close, open the trim connection, keep the newest n, close.
-// Last comes the engine's whole step, AddToAlertDb: read the alert file, check
-// it is well-formed XML, the database work above, delete the file and set the
-// alert-generated event (writing the file beforehand is not timed).
+// Time to store one 2 KB alert with the engine's AddToAlertDb (read the alert
+// file, check it is well-formed XML, look its creation time up, store it,
+// delete the file, trim the database, set the alert-generated event) against
+// the floor: one SQLite insert of the same bytes on an open connection in the
+// library's transaction mode (WAL, every commit synced). Both run on
+// databases of 30 and of 10,000 records that every round keeps at that size
+// (AddToAlertDb trims one record per store; the floor deletes its oldest
+// untimed), each on its own file, a floor round and an AddToAlertDb round in
+// turn so that both see the same machine. Writing the alert file beforehand
+// is not timed. As in the service, another thread holds the process's COM
+// apartment (the COM server thread does there).
 //
 // Run under Wine in the build's prefix (it replaces the alert database there):
 //   WINEPREFIX=$PWD/build/wineprefix WINEDEBUG=-all wine build/bin/alertDbBench.exe [rounds]
 #include <stdio.h>
 #include <stdlib.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "alertDatabase.h"
+#include "benchSupport.h"
+#include "cdef.h"
 #include "conventions.h"
 #include "omkDb.h"
 #include "omkErrors.h"
 #include "sqlite3.h"
 
 namespace {
-
-std::wstring DatabasePath() {
-    wchar_t programData[MAX_PATH];
-    DWORD n = GetEnvironmentVariableW(L"ProgramData", programData, MAX_PATH);
-    std::wstring folder = (n > 0 && n < MAX_PATH) ? std::wstring(programData, n) : std::wstring(L"C:\\ProgramData");
-    return folder + L"\\Varn\\Orlemark\\Data\\omkAlerts.db";
-}
 
 std::string Utf8(const std::wstring& text) {
     char buffer[MAX_PATH * 3];
@@ -50,48 +46,35 @@ std::string Alert(unsigned long long creationTime) {
     return text + tail;
 }
 
-double Microseconds(const LARGE_INTEGER& from, const LARGE_INTEGER& to) {
-    LARGE_INTEGER frequency;
-    QueryPerformanceFrequency(&frequency);
-    return static_cast<double>(to.QuadPart - from.QuadPart) * 1e6 / static_cast<double>(frequency.QuadPart);
-}
-
-struct Figures {
-    double median;
-    double mean;
-};
-
-Figures Summarise(std::vector<double> samples) {
-    std::sort(samples.begin(), samples.end());
-    double sum = 0;
-    for (double s : samples) sum += s;
-    return {samples[samples.size() / 2], sum / static_cast<double>(samples.size())};
-}
-
-bool Exec(sqlite3* db, const char* sql) {
+bool Exec(sqlite3* db, const std::string& sql) {
     char* error = nullptr;
-    if (sqlite3_exec(db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
-        fprintf(stderr, "%s: %s\n", sql, error != nullptr ? error : "?");
+    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+        fprintf(stderr, "%s: %s\n", sql.c_str(), error != nullptr ? error : "?");
         sqlite3_free(error);
         return false;
     }
     return true;
 }
 
-// A new database of `records` alerts, made through the library (for its
-// schema and mode) and filled in one transaction.
-bool MakeDatabase(unsigned records) {
-    std::wstring path = DatabasePath();
-    DeleteFileW(path.c_str());
-    DeleteFileW((path + L"-wal").c_str());
-    DeleteFileW((path + L"-shm").c_str());
-    if (!AlertDb_Open(1, 1)) return false;
+void RemoveDatabase(const std::wstring& path) {
+    for (const wchar_t* suffix : {L"", L"-wal", L"-shm"}) DeleteFileW((path + suffix).c_str());
+}
+
+// The library's database (made by it, for its schema) and a copy for the
+// floor, each filled with `records` alerts; the floor's connection is
+// returned open, ready for its inserts.
+sqlite3* MakeDatabases(const std::wstring& path, const std::wstring& floorPath, unsigned records) {
+    FreeSqliteLib();
+    RemoveDatabase(path);
+    RemoveDatabase(floorPath);
+    if (!InitSqliteLib() || !AlertDb_Open(1, 1)) return nullptr;
     AlertDb_Close(1);
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(Utf8(path).c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) return false;
-    bool ok = Exec(db, "BEGIN");
     sqlite3_stmt* insert = nullptr;
-    ok = ok && sqlite3_prepare_v2(db, "INSERT INTO alerts VALUES(?1, ?2, 0)", -1, &insert, nullptr) == SQLITE_OK;
+    bool ok =
+        sqlite3_open_v2(Utf8(path).c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK && Exec(db, "BEGIN");
+    ok = ok && sqlite3_prepare_v2(db, "INSERT INTO alerts(creation_time, xml, stored_utc) VALUES(?1, ?2, 0)", -1,
+                                  &insert, nullptr) == SQLITE_OK;
     for (unsigned i = 0; ok && i < records; ++i) {
         std::string xml = Alert(i + 1);
         sqlite3_bind_int64(insert, 1, i + 1);
@@ -100,113 +83,59 @@ bool MakeDatabase(unsigned records) {
         sqlite3_reset(insert);
     }
     sqlite3_finalize(insert);
-    ok = ok && Exec(db, "COMMIT") && Exec(db, "PRAGMA wal_checkpoint(TRUNCATE)");
+    ok = ok && Exec(db, "COMMIT") && Exec(db, "VACUUM INTO '" + Utf8(floorPath) + "'");
     sqlite3_close(db);
+    db = nullptr;
+    ok = ok && sqlite3_open_v2(Utf8(floorPath).c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
+         Exec(db, "PRAGMA journal_mode=WAL") && Exec(db, "PRAGMA synchronous=FULL");
+    if (!ok) {
+        sqlite3_close(db);
+        return nullptr;
+    }
+    return db;
+}
+
+// One floor round: the timed insert, then the untimed delete of the oldest.
+bool FloorRound(sqlite3_stmt* insert, sqlite3_stmt* trim, unsigned long long t, std::vector<double>& samples) {
+    std::string xml = Alert(t);
+    double from = omkbench::NowMs();
+    sqlite3_bind_int64(insert, 1, static_cast<sqlite3_int64>(t));
+    sqlite3_bind_text(insert, 2, xml.c_str(), -1, SQLITE_STATIC);
+    sqlite3_bind_int64(insert, 3, static_cast<sqlite3_int64>(t));
+    bool ok = sqlite3_step(insert) == SQLITE_DONE;
+    samples.push_back(omkbench::NowMs() - from);
+    sqlite3_reset(insert);
+    ok = ok && sqlite3_step(trim) == SQLITE_DONE;
+    sqlite3_reset(trim);
     return ok;
 }
 
-// One insert per transaction on an open connection; the oldest record is
-// removed after each (untimed) so the database keeps its size.
-bool Floor(unsigned records, int rounds, std::vector<double>& samples) {
-    sqlite3* db = nullptr;
-    if (sqlite3_open_v2(Utf8(DatabasePath()).c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) return false;
-    bool ok = Exec(db, "PRAGMA journal_mode=WAL") && Exec(db, "PRAGMA synchronous=FULL");
-    sqlite3_stmt* insert = nullptr;
-    sqlite3_stmt* trim = nullptr;
-    ok = ok && sqlite3_prepare_v2(db, "INSERT INTO alerts VALUES(?1, ?2, ?3)", -1, &insert, nullptr) == SQLITE_OK;
-    ok = ok && sqlite3_prepare_v2(db, "DELETE FROM alerts WHERE creation_time=(SELECT min(creation_time) FROM alerts)",
-                                  -1, &trim, nullptr) == SQLITE_OK;
-    for (int i = 0; ok && i < rounds; ++i) {
-        unsigned long long t = 1000000ull + records + static_cast<unsigned long long>(i);
-        std::string xml = Alert(t);
-        LARGE_INTEGER from, to;
-        QueryPerformanceCounter(&from);
-        sqlite3_bind_int64(insert, 1, static_cast<sqlite3_int64>(t));
-        sqlite3_bind_text(insert, 2, xml.c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_int64(insert, 3, static_cast<sqlite3_int64>(t));
-        ok = sqlite3_step(insert) == SQLITE_DONE;
-        QueryPerformanceCounter(&to);
-        sqlite3_reset(insert);
-        samples.push_back(Microseconds(from, to));
-        ok = ok && sqlite3_step(trim) == SQLITE_DONE;
-        sqlite3_reset(trim);
-    }
-    sqlite3_finalize(insert);
-    sqlite3_finalize(trim);
-    sqlite3_close(db);
+// One AddToAlertDb round on a fresh alert file stamped `t`.
+bool AddRound(const std::wstring& folder, unsigned records, unsigned long long t, std::vector<double>& samples) {
+    FILETIME ft = {static_cast<DWORD>(t), static_cast<DWORD>(t >> 32)};
+    SYSTEMTIME st;
+    FileTimeToSystemTime(&ft, &st);
+    swprintf(g_alertFileName, OMK_ALERT_FILE_NAME_CHARS, L"%s%s_%02d%02d%04d%02d%02d%02d%s", g_serviceTag,
+             L"-ZORA_Alerts", st.wMonth, st.wDay, st.wYear, st.wHour, st.wMinute, st.wSecond, L".xml");
+    const std::string xml = Alert(t);
+    HANDLE file =
+        CreateFileW((folder + L"\\" + g_alertFileName).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    DWORD written = 0;
+    bool ok = file != INVALID_HANDLE_VALUE &&
+              WriteFile(file, xml.data(), static_cast<DWORD>(xml.size()), &written, nullptr) && written == xml.size();
+    if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
+    double from = omkbench::NowMs();
+    ok = ok && AddToAlertDb(folder.c_str(), 0, 1, records) != 0;
+    samples.push_back(omkbench::NowMs() - from);
     return ok;
 }
 
-// The engine's database calls for one alert, through omkDb; each step is
-// timed too, so the cost of opening and closing shows apart from the insert.
-const char* const kSteps[] = {"open store", "look up", "write", "close store", "open trim", "trim", "close trim"};
-constexpr int kStepCount = 7;
-
-bool StoreCycle(unsigned records, int rounds, std::vector<double>& samples, std::vector<double> (&steps)[kStepCount]) {
-    for (int i = 0; i < rounds; ++i) {
-        unsigned long long t = 2000000ull + records + static_cast<unsigned long long>(i);
-        std::string xml = Alert(t);
-        LARGE_INTEGER marks[kStepCount + 1];
-        QueryPerformanceCounter(&marks[0]);
-        if (!AlertDb_Open(1, 1)) return false;
-        QueryPerformanceCounter(&marks[1]);
-        ALERT_DB_RECORD* record = nullptr;
-        bool found = AlertDb_ReadByCreationTimeW(t, &record) != 0;
-        QueryPerformanceCounter(&marks[2]);
-        bool ok = found || AlertDb_Write(t, xml.c_str()) != 0;
-        QueryPerformanceCounter(&marks[3]);
-        free(record);
-        AlertDb_Close(1);
-        QueryPerformanceCounter(&marks[4]);
-        if (!ok || !AlertDb_Open(0, 0)) return false;
-        QueryPerformanceCounter(&marks[5]);
-        AlertDb_DeleteOldestRecords(records);
-        QueryPerformanceCounter(&marks[6]);
-        AlertDb_Close(0);
-        QueryPerformanceCounter(&marks[7]);
-        samples.push_back(Microseconds(marks[0], marks[kStepCount]));
-        for (int s = 0; s < kStepCount; ++s) steps[s].push_back(Microseconds(marks[s], marks[s + 1]));
-    }
-    return true;
-}
-
-// AddToAlertDb on a fresh 2 KB alert file per round, stamped a second after
-// the one before so every round stores a new record.
-bool AddCycle(unsigned records, int rounds, std::vector<double>& samples) {
-    wchar_t temp[MAX_PATH];
-    GetTempPathW(MAX_PATH, temp);
-    const std::wstring folder = std::wstring(temp) + L"alertDbBench";
-    CreateDirectoryW(folder.c_str(), nullptr);
-    SYSTEMTIME start = {2021, 1, 5, 1, 0, 0, 0, 0};
-    FILETIME startTime;
-    SystemTimeToFileTime(&start, &startTime);
-    const unsigned long long first =
-        (static_cast<unsigned long long>(startTime.dwHighDateTime) << 32) | startTime.dwLowDateTime;
-    for (int i = 0; i < rounds; ++i) {
-        unsigned long long t = first + static_cast<unsigned long long>(i) * 10000000ull;
-        FILETIME ft = {static_cast<DWORD>(t), static_cast<DWORD>(t >> 32)};
-        SYSTEMTIME st;
-        FileTimeToSystemTime(&ft, &st);
-        swprintf(g_alertFileName, OMK_ALERT_FILE_NAME_CHARS, L"%s%s_%02d%02d%04d%02d%02d%02d%s", g_serviceTag,
-                 L"-ZORA_Alerts", st.wMonth, st.wDay, st.wYear, st.wHour, st.wMinute, st.wSecond, L".xml");
-        const std::wstring path = folder + L"\\" + g_alertFileName;
-        const std::string xml = Alert(t);
-        HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-        DWORD written = 0;
-        bool ok = file != INVALID_HANDLE_VALUE &&
-                  WriteFile(file, xml.data(), static_cast<DWORD>(xml.size()), &written, nullptr) &&
-                  written == xml.size();
-        if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
-        if (!ok) return false;
-        LARGE_INTEGER from, to;
-        QueryPerformanceCounter(&from);
-        ok = AddToAlertDb(folder.c_str(), 0, 1, records) != 0;
-        QueryPerformanceCounter(&to);
-        if (!ok) return false;
-        samples.push_back(Microseconds(from, to));
-    }
-    RemoveDirectoryW(folder.c_str());
-    return true;
+// The COM server thread's part: the process's multithreaded apartment, held until told.
+DWORD WINAPI HoldApartment(void* stop) {
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    WaitForSingleObject(stop, INFINITE);
+    CoUninitialize();
+    return 0;
 }
 
 }  // namespace
@@ -215,37 +144,54 @@ int wmain(int argc, wchar_t** argv) {
     OMK_SetErrorLogName(L"alertDbBench.txt");
     int rounds = argc > 1 ? _wtoi(argv[1]) : 200;
     if (rounds < 1) rounds = 1;
-    if (!InitSqliteLib()) return 1;
+    HANDLE stop = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    HANDLE apartment = CreateThread(nullptr, 0, HoldApartment, stop, 0, nullptr);
     // Engine initialisation owns this event in the service; here the bench does.
     HANDLE alertEvent = CreateEventW(nullptr, FALSE, FALSE, OMK_ALERT_GENERATED_EVENT_NAME);
     wcscpy(g_serviceTag, L"ABC1234");
-    printf("store one 2 KB alert: %d rounds each, microseconds (median / mean)\n", rounds);
-    printf("%8s  %22s  %22s  %14s  %22s  %14s\n", "records", "floor: one insert", "omkDb store + trim",
-           "ratio (median)", "AddToAlertDb", "ratio (median)");
+    const std::wstring path = std::wstring(CDef::GetInstance().FOLDER_OMK_DATABASE) + L"\\omkAlerts.db";
+    const std::wstring floorPath = path + L".floor";
+    wchar_t temp[MAX_PATH];
+    GetTempPathW(MAX_PATH, temp);
+    const std::wstring folder = std::wstring(temp) + L"alertDbBench";
+    CreateDirectoryW(folder.c_str(), nullptr);
+
+    printf("store one 2 KB alert: %d rounds each, milliseconds\n", rounds);
+    printf("%8s  %28s  %28s  %14s\n", "records", "floor: one insert (median)", "AddToAlertDb (median)", "ratio");
+    int status = 0;
     for (unsigned records : {30u, 10000u}) {
-        std::vector<double> floor, cycle, add, steps[kStepCount];
-        if (!MakeDatabase(records) || !Floor(records, rounds, floor)) {
-            fprintf(stderr, "floor run failed for %u records\n", records);
-            return 2;
+        sqlite3* floorDb = MakeDatabases(path, floorPath, records);
+        sqlite3_stmt* insert = nullptr;
+        sqlite3_stmt* trim = nullptr;
+        bool ok = floorDb != nullptr &&
+                  sqlite3_prepare_v2(floorDb, "INSERT INTO alerts(creation_time, xml, stored_utc) VALUES(?1, ?2, ?3)",
+                                     -1, &insert, nullptr) == SQLITE_OK &&
+                  sqlite3_prepare_v2(floorDb, "DELETE FROM alerts WHERE id=(SELECT min(id) FROM alerts)", -1, &trim,
+                                     nullptr) == SQLITE_OK;
+        std::vector<double> floor, add;
+        // Creation times from 5 January 2021 on, one second apart.
+        const unsigned long long first = 132544224000000000ull;
+        for (int i = 0; ok && i < rounds; ++i) {
+            unsigned long long t = first + static_cast<unsigned long long>(i) * 10000000ull;
+            ok = FloorRound(insert, trim, t, floor) && AddRound(folder, records, t, add);
         }
-        if (!MakeDatabase(records) || !StoreCycle(records, rounds, cycle, steps)) {
-            fprintf(stderr, "omkDb run failed for %u records\n", records);
-            return 3;
+        sqlite3_finalize(insert);
+        sqlite3_finalize(trim);
+        sqlite3_close(floorDb);
+        if (!ok) {
+            fprintf(stderr, "the run for %u records failed\n", records);
+            status = 2;
+            break;
         }
-        if (!MakeDatabase(records) || !AddCycle(records, rounds, add)) {
-            fprintf(stderr, "AddToAlertDb run failed for %u records\n", records);
-            return 4;
-        }
-        Figures f = Summarise(floor);
-        Figures c = Summarise(cycle);
-        Figures a = Summarise(add);
-        printf("%8u  %10.0f / %9.0f  %10.0f / %9.0f  %14.2f  %10.0f / %9.0f  %14.2f\n", records, f.median, f.mean,
-               c.median, c.mean, c.median / f.median, a.median, a.mean, a.median / f.median);
-        printf("          omkDb steps (median):");
-        for (int s = 0; s < kStepCount; ++s)
-            printf(" %s %.0f%s", kSteps[s], Summarise(steps[s]).median, s + 1 < kStepCount ? "," : "\n");
+        double f = omkbench::Median(floor);
+        double a = omkbench::Median(add);
+        printf("%8u  %28.3f  %28.3f  %14.2f\n", records, f, a, a / f);
     }
     FreeSqliteLib();
+    RemoveDatabase(floorPath);
+    RemoveDirectoryW(folder.c_str());
+    SetEvent(stop);
+    WaitForSingleObject(apartment, INFINITE);
     if (alertEvent != nullptr) CloseHandle(alertEvent);
-    return 0;
+    return status;
 }

@@ -1,20 +1,35 @@
 // omkDb.dll: the product's alert database, one SQLite file.
 //
-// The file is "<ProgramData>\Varn\Orlemark\Data\omkAlerts.db" (the folder is
-// created when missing). It holds one table:
-//   alerts(creation_time INTEGER PRIMARY KEY,  -- FILETIME of the alert, as one number
-//          xml TEXT NOT NULL,                  -- the alert file's UTF-8 bytes as given
-//          stored_utc INTEGER NOT NULL)        -- FILETIME (UTC) of the store
-// and the index alerts_creation_time on creation_time, which lets the trim
-// count off the newest records without reading every alert's text.
-// The journal is WAL with synchronous=FULL, so other processes may read while
-// the service writes, and an alert reported stored survives a killed process.
-// Every connection waits up to 5 s for another process's lock.
+// The file is "omkAlerts.db" in the product's Data folder, found by the same
+// rule as the service's (CDef::FOLDER_OMK_DATABASE): normally
+// "<ProgramData>\Varn\Orlemark\Data", the install folder's "Data" when the
+// product folder cannot be made. The folder is created when missing. It holds
+// one table:
+//   alerts(id INTEGER PRIMARY KEY,                 -- the order of storing, 1, 2, 3, ...
+//          creation_time INTEGER NOT NULL UNIQUE,  -- FILETIME of the alert, as one number
+//          xml TEXT NOT NULL,                      -- the alert file's UTF-8 bytes as given
+//          stored_utc INTEGER NOT NULL)            -- FILETIME (UTC) of the store
+// A file of the first layout (creation_time as the key, no id) is rebuilt in
+// the order of its store times at the first open.
+// The journal is WAL and every commit is synced: an alert reported stored
+// survives a killed process and a power cut. The WAL and its index stay beside
+// the file after the last connection closes, so that readers without write
+// access can open it. Every connection waits up to 5 s for another process's
+// lock.
 //
-// Two connections may be open at once: the store connection (first open flag
-// 1) and the trim connection (first open flag 0). Reads and writes use the
-// store connection when it is open, else the trim connection; the trim uses the
-// trim connection when it is open, else the store connection.
+// Each process keeps one read-write connection from its first AlertDb_Open to
+// FreeSqliteLib, with its statements prepared once. The two open flags of
+// AlertDb_Open/AlertDb_Close (1 the store, 0 the trim connection, as the
+// service calls them) only say whether the caller has the database open;
+// every write is committed before its call returns, so nothing is ever
+// pending at AlertDb_Close.
+//
+// Readers in other processes (an operator's tool running as a standard user,
+// which may read but not write the Data folder) use AlertDb_OpenReadOnly: it
+// writes nothing to the folder, neither while the service runs nor while it is
+// stopped.
+//
+// One process writes the database, the service; other processes read it.
 //
 // Every failure returns 0 and is reported through the error log (omkErrors);
 // nothing here throws or crashes the caller on bad arguments. The functions
@@ -47,19 +62,35 @@ typedef struct ALERT_DB_RECORD {
 // nonzero on success. A second call while started succeeds and does nothing.
 OMKDB_API int WINAPI InitSqliteLib(void);
 
-// Closes any connection still open and stops the library. Returns 1.
+// Closes the connections and stops the library. Returns 1.
 OMKDB_API int WINAPI FreeSqliteLib(void);
 
-// Opens one connection to the alert database. `storeConnection` picks the
-// connection: 1 the store connection, 0 the trim connection. With
-// `createWhenMissing` nonzero the folder, the file and the table are created
-// when missing, and a file that is not a valid database (or that an earlier
-// call of this process found corrupt) is moved aside to
-// "omkAlerts.db.corrupt-<yyyymmddhhmmss UTC>" (its WAL file beside it, with
-// "-wal" appended) and a new database started. Without it a missing or
-// corrupt file fails the open. Opening a connection that is open already
-// succeeds and keeps it. Nonzero on success.
+// Opens the alert database for reading and writing; `storeConnection` (1 or
+// 0) names the open for AlertDb_Close. With `createWhenMissing` nonzero the
+// folder, the file and the table are created when missing, and a file that is
+// not a valid database (or that an earlier call of this process found
+// corrupt) is moved aside to "omkAlerts.db.corrupt-<yyyymmddhhmmss UTC>" (its
+// WAL beside it, with "-wal" appended) and a new database started; a file
+// that is gone counts as moved. When it cannot be moved (another process
+// holds it) the open fails, is reported once, and the next creating open
+// tries again; a WAL that cannot be cleared from beside the path fails the
+// open the same way, and is never applied to a new database. Without
+// `createWhenMissing` a missing or corrupt file fails the open. Opening what
+// is open already succeeds. Nonzero on success.
 OMKDB_API int WINAPI AlertDb_Open(int storeConnection, int createWhenMissing);
+
+// Opens the database read-only: `databasePath` names the file, or null the
+// product's own. Nothing is ever written or created beside the file, so this
+// works with read access alone (a standard user's rights on the Data folder),
+// while the service writes and while it is stopped. When the file has no WAL
+// beside it and none may be made, the file is read on its own (no writer can
+// be at work then). Reads (AlertDb_ReadByCreationTimeW) use this connection
+// when AlertDb_Open is not in force. Opening it again while open succeeds.
+// Nonzero on success.
+OMKDB_API int WINAPI AlertDb_OpenReadOnly(const wchar_t* databasePath);
+
+// Closes the read-only connection. Returns 1, also when it was not open.
+OMKDB_API int WINAPI AlertDb_CloseReadOnly(void);
 
 // Looks an alert up by its creation time. When one exists, *record receives a
 // new block (see ALERT_DB_RECORD) and the result is nonzero. When none exists,
@@ -68,17 +99,27 @@ OMKDB_API int WINAPI AlertDb_Open(int storeConnection, int createWhenMissing);
 OMKDB_API int WINAPI AlertDb_ReadByCreationTimeW(unsigned long long creationTime, ALERT_DB_RECORD** record);
 
 // Stores a new alert: the creation time (at most 0x7FFFFFFFFFFFFFFF, as every
-// FILETIME is) and the zero-terminated UTF-8 text, committed durably before
+// FILETIME is) and the zero-terminated UTF-8 text, committed and synced before
 // the call returns. A creation time that is stored already fails (the stored
 // record is kept). Nonzero on success.
 OMKDB_API int WINAPI AlertDb_Write(unsigned long long creationTime, const char* utf8Xml);
 
-// Closes the connection that AlertDb_Open opened with the same first flag.
-// Returns 1, also when that connection was not open.
+// AlertDb_Write and AlertDb_DeleteOldestRecords(maxRecords) in one commit: a
+// store that keeps the database at its size costs one synced commit, not two,
+// and a trim to the same limit right after it returns at once (this process
+// is the database's only writer). Reports and results are those of
+// AlertDb_Write; the trim adds none.
+OMKDB_API int WINAPI AlertDb_WriteAndTrim(unsigned long long creationTime, const char* utf8Xml,
+                                          unsigned int maxRecords);
+
+// Ends the open that AlertDb_Open made with the same first flag. Returns 1,
+// also when it was not open.
 OMKDB_API int WINAPI AlertDb_Close(int storeConnection);
 
-// Keeps the `maxRecords` records with the greatest creation times and deletes
-// the others (all of them for 0). Nonzero on success.
+// Keeps the `maxRecords` records stored last and deletes the others (all of
+// them for 0), whatever their creation times say: a clock that ran ahead for
+// a while does not make the alerts stored after it the "oldest". Costs two
+// key lookups when nothing needs deleting. Nonzero on success.
 OMKDB_API int WINAPI AlertDb_DeleteOldestRecords(unsigned int maxRecords);
 
 #ifdef __cplusplus

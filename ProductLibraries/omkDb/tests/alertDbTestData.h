@@ -1,8 +1,6 @@
 // What the alert database tests and their second process agree on.
 #pragma once
 
-#include <windows.h>
-
 #include <string>
 
 namespace alertdbtest {
@@ -17,17 +15,6 @@ inline std::string AlertXml(unsigned long long creationTime) {
         text += "\t\t<Item>caf\xC3\xA9 & 100% <ok> " + std::to_string(creationTime) + "</Item>\r\n";
     text += "\t</Alert>\r\n</TolvaneAlerts>\r\n";
     return text;
-}
-
-// The database file the library keeps, as the test prefix places it.
-inline std::wstring DataFolder() {
-    wchar_t programData[MAX_PATH];
-    DWORD n = GetEnvironmentVariableW(L"ProgramData", programData, MAX_PATH);
-    std::wstring folder = (n > 0 && n < MAX_PATH) ? std::wstring(programData, n) : std::wstring(L"C:\\ProgramData");
-    return folder + L"\\Varn\\Orlemark\\Data";
-}
-inline std::wstring DatabasePath() {
-    return DataFolder() + L"\\omkAlerts.db";
 }
 
 }  // namespace alertdbtest

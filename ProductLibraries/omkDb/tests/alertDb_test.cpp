@@ -1,16 +1,17 @@
 // The alert database on a real SQLite file in the test prefix, with second
-// processes that write, read, hold the lock or get killed.
+// processes that write and get killed, or read without write access.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
 
-#include <shlobj.h>
-
 #include <algorithm>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "alertDbTestData.h"
+#include "cdef.h"
 #include "omkDb.h"
 #include "sqlite3.h"
 #include "testSupport.h"
@@ -18,41 +19,31 @@
 namespace {
 
 using alertdbtest::AlertXml;
-using alertdbtest::DatabasePath;
-using alertdbtest::DataFolder;
 
-// A second process (alertDbClient) that the test waits for or kills.
-struct Client {
-    PROCESS_INFORMATION info = {};
-    explicit Client(const std::wstring& arguments) {
-        std::wstring line = L"\"" + omktest::ProgramFolder() + L"\\alertDbClient.exe\" " + arguments;
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof(startup);
-        CreateProcessW(nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info);
-    }
-    ~Client() {
-        TerminateProcess(info.hProcess, 0xDEAD);  // fails harmlessly once it has ended
-        WaitForSingleObject(info.hProcess, 10000);
-        CloseHandle(info.hThread);
-        CloseHandle(info.hProcess);
-    }
-    DWORD Wait(DWORD ms) {
-        DWORD code = 0xDEAD;
-        if (WaitForSingleObject(info.hProcess, ms) == WAIT_OBJECT_0) GetExitCodeProcess(info.hProcess, &code);
-        return code;
-    }
-};
+// Where the library keeps the database: the product's Data folder, by the service's rule.
+std::wstring DataFolder() {
+    return CDef::GetInstance().FOLDER_OMK_DATABASE;
+}
+std::wstring DatabasePath() {
+    return DataFolder() + L"\\omkAlerts.db";
+}
+
+std::wstring ClientCommand(const std::wstring& arguments) {
+    return L"\"" + omktest::ProgramFolder() + L"\\alertDbClient.exe\" " + arguments;
+}
 
 // A named event for a handshake with the second process.
 struct NamedEvent {
-    std::wstring name;
-    HANDLE handle;
-    explicit NamedEvent(const wchar_t* base)
-        : name(base + std::to_wstring(GetCurrentProcessId())),
-          handle(CreateEventW(nullptr, TRUE, FALSE, name.c_str())) {}
+    std::wstring name = L"omkDbTest" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(GetTickCount());
+    HANDLE handle = CreateEventW(nullptr, TRUE, FALSE, name.c_str());
     ~NamedEvent() { CloseHandle(handle); }
-    bool WaitSet(DWORD ms) const { return WaitForSingleObject(handle, ms) == WAIT_OBJECT_0; }
+    bool WaitSet() const { return WaitForSingleObject(handle, 30000) == WAIT_OBJECT_0; }
 };
+
+// Opens `path` without delete (or write) sharing: it can be neither moved nor written by anyone else.
+HANDLE Hold(const std::wstring& path, DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE) {
+    return CreateFileW(path.c_str(), GENERIC_READ, share, nullptr, OPEN_EXISTING, 0, nullptr);
+}
 
 class AlertDb : public ::testing::Test {
 protected:
@@ -70,38 +61,31 @@ protected:
     // The stored text for a creation time, or "<none>".
     static std::string ReadXml(unsigned long long creationTime) {
         ALERT_DB_RECORD* record = nullptr;
-        if (!AlertDb_ReadByCreationTimeW(creationTime, &record)) {
-            return record == nullptr ? "<none>" : "<not found, but a record was returned>";
-        }
+        if (!AlertDb_ReadByCreationTimeW(creationTime, &record)) return record == nullptr ? "<none>" : "<stray record>";
         std::string xml = record->creationTime == creationTime ? record->xml : "<wrong creation time>";
         free(record);
         return xml;
     }
 
-    // Runs a query on the file with SQLite directly, returning the first column of each row.
-    static std::vector<std::string> Query(const char* sql) {
-        std::vector<std::string> rows;
+    // Runs `sql` with SQLite directly: the first column of each row, joined by "|".
+    static std::string Query(const char* sql) {
+        std::string rows;
         sqlite3* db = nullptr;
-        if (sqlite3_open_v2(omktest::ToUtf8(DatabasePath()).c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-            sqlite3_stmt* stmt = nullptr;
-            if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) == SQLITE_OK) {
-                while (sqlite3_step(stmt) == SQLITE_ROW) {
-                    const unsigned char* text = sqlite3_column_text(stmt, 0);
-                    rows.push_back(text != nullptr ? reinterpret_cast<const char*>(text) : "NULL");
-                }
-            } else {
-                rows.push_back(std::string("error: ") + sqlite3_errmsg(db));
-            }
-            sqlite3_finalize(stmt);
-        }
+        sqlite3_open(omktest::ToUtf8(DatabasePath()).c_str(), &db);
+        auto row = [](void* out, int, char** values, char**) {
+            *static_cast<std::string*>(out) += (values[0] != nullptr ? values[0] : "NULL") + std::string("|");
+            return 0;
+        };
+        if (sqlite3_exec(db, sql, row, &rows, nullptr) != SQLITE_OK) rows += sqlite3_errmsg(db);
         sqlite3_close(db);
+        if (!rows.empty() && rows.back() == '|') rows.pop_back();
         return rows;
     }
 
-    static std::vector<std::wstring> CorruptCopies() {
+    static std::vector<std::wstring> Files() {
         std::vector<std::wstring> names;
         WIN32_FIND_DATAW data;
-        HANDLE find = FindFirstFileW((DataFolder() + L"\\omkAlerts.db.corrupt-*").c_str(), &data);
+        HANDLE find = FindFirstFileW((DataFolder() + L"\\omkAlerts.db*").c_str(), &data);
         if (find == INVALID_HANDLE_VALUE) return names;
         do names.push_back(data.cFileName);
         while (FindNextFileW(find, &data));
@@ -111,193 +95,181 @@ protected:
     }
 };
 
-TEST_F(AlertDb, CreatesFolderFileAndSchemaStoresTheBytesAsGivenAndRefusesADuplicate) {
+TEST_F(AlertDb, StoresTheBytesAsGivenRefusesADuplicateAndFailsBadCallsWithAReport) {
+    ALERT_DB_RECORD* record = nullptr;
+    EXPECT_FALSE(AlertDb_Write(1, "<a/>"));
+    EXPECT_FALSE(AlertDb_ReadByCreationTimeW(1, &record));
+    EXPECT_FALSE(AlertDb_DeleteOldestRecords(3));
+    EXPECT_FALSE(AlertDb_Open(0, 0)) << "only a creating open makes the file";
+    EXPECT_FALSE(AlertDb_OpenReadOnly(nullptr));
+
     FILETIME before, after;
     GetSystemTimeAsFileTime(&before);
     ASSERT_TRUE(AlertDb_Open(1, 1));
+    EXPECT_TRUE(AlertDb_Open(1, 1)) << "an open database is kept";
     const unsigned long long created = 132567891090000000ull;
     std::string xml = AlertXml(created) + "\xE2\x82\xAC \x01 not even well-formed <";
     ASSERT_TRUE(AlertDb_Write(created, xml.c_str()));
     GetSystemTimeAsFileTime(&after);
     EXPECT_EQ(xml, ReadXml(created));
     EXPECT_EQ("<none>", ReadXml(created + 1));
-    EXPECT_EQ("", log.Since());
     EXPECT_FALSE(AlertDb_Write(created, "<second/>"));
-    EXPECT_TRUE(log.Contains("AlertDb_Write: an alert with creation time 132567891090000000 is stored already"));
     EXPECT_EQ(xml, ReadXml(created)) << "the older record stays";
-    EXPECT_TRUE(AlertDb_Close(1));
-
-    EXPECT_EQ(std::vector<std::string>{"wal"}, Query("PRAGMA journal_mode"));
-    EXPECT_EQ((std::vector<std::string>{"creation_time INTEGER 0 1", "xml TEXT 1 0", "stored_utc INTEGER 1 0"}),
-              Query("SELECT name || ' ' || type || ' ' || \"notnull\" || ' ' || pk FROM pragma_table_info('alerts')"));
-    EXPECT_EQ((std::vector<std::string>{xml, "132567891090000000 text"}),
-              Query("SELECT xml FROM alerts UNION ALL SELECT creation_time || ' ' || typeof(xml) FROM alerts"));
-    std::vector<std::string> stored = Query("SELECT stored_utc FROM alerts");
-    ASSERT_EQ(1u, stored.size());
-    unsigned long long storedUtc = _strtoui64(stored[0].c_str(), nullptr, 10);
-    EXPECT_GE(storedUtc, (static_cast<unsigned long long>(before.dwHighDateTime) << 32) | before.dwLowDateTime);
-    EXPECT_LE(storedUtc, (static_cast<unsigned long long>(after.dwHighDateTime) << 32) | after.dwLowDateTime);
-}
-
-TEST_F(AlertDb, TrimKeepsTheNewestByCreationTime) {
-    ASSERT_TRUE(AlertDb_Open(1, 1));
-    for (unsigned long long t : {500, 100, 900, 300, 700, 200, 1000, 400, 800, 600}) {
-        ASSERT_TRUE(AlertDb_Write(t, std::to_string(t).c_str()));
-    }
-    AlertDb_Close(1);
-    ASSERT_TRUE(AlertDb_Open(0, 0));
-    EXPECT_TRUE(AlertDb_DeleteOldestRecords(10));
-    EXPECT_EQ(10u, Query("SELECT creation_time FROM alerts").size());
-    EXPECT_TRUE(AlertDb_DeleteOldestRecords(4));
-    EXPECT_EQ((std::vector<std::string>{"700", "800", "900", "1000"}),
-              Query("SELECT creation_time FROM alerts ORDER BY 1"));
-    EXPECT_EQ("800", ReadXml(800)) << "the trim connection reads too";
-    EXPECT_TRUE(AlertDb_DeleteOldestRecords(0));
-    EXPECT_TRUE(Query("SELECT creation_time FROM alerts").empty());
-    AlertDb_Close(0);
-    EXPECT_EQ("", log.Since());
-}
-
-TEST_F(AlertDb, BadCallsFailWithAReportAndNoCrash) {
-    ALERT_DB_RECORD* record = nullptr;
-    EXPECT_FALSE(AlertDb_Write(1, "<a/>"));
-    EXPECT_FALSE(AlertDb_ReadByCreationTimeW(1, &record));
-    EXPECT_FALSE(AlertDb_DeleteOldestRecords(3));
-    EXPECT_TRUE(AlertDb_Close(1));
-    EXPECT_FALSE(AlertDb_Open(0, 0)) << "the trim connection does not create the file";
-    EXPECT_FALSE(omktest::FileExists(DatabasePath()));
-    ASSERT_TRUE(AlertDb_Open(1, 1));
-    EXPECT_TRUE(AlertDb_Open(1, 1)) << "an open connection is kept";
     EXPECT_FALSE(AlertDb_Write(2, nullptr));
     EXPECT_FALSE(AlertDb_Write(0x8000000000000000ull, "<a/>"));
     EXPECT_FALSE(AlertDb_ReadByCreationTimeW(2, nullptr));
+    EXPECT_TRUE(AlertDb_Close(1));
+    EXPECT_EQ("<none>", ReadXml(created)) << "closed: " << log.Since();
+
+    EXPECT_EQ("wal", Query("PRAGMA journal_mode"));
+    EXPECT_EQ(xml + "|132567891090000000 text",
+              Query("SELECT xml FROM alerts UNION ALL SELECT creation_time || ' ' || typeof(xml) FROM alerts"));
+    unsigned long long storedUtc = _strtoui64(Query("SELECT stored_utc FROM alerts").c_str(), nullptr, 10);
+    EXPECT_GE(storedUtc, (static_cast<unsigned long long>(before.dwHighDateTime) << 32) | before.dwLowDateTime);
+    EXPECT_LE(storedUtc, (static_cast<unsigned long long>(after.dwHighDateTime) << 32) | after.dwLowDateTime);
     EXPECT_TRUE(FreeSqliteLib()) << "closes what is still open";
     EXPECT_FALSE(AlertDb_Open(1, 1));
+    const std::string path = omktest::ToUtf8(DatabasePath());
     EXPECT_EQ(
         (std::vector<std::string>{
             "AlertDb_Write: the database is not open", "AlertDb_ReadByCreationTimeW: the database is not open",
-            "AlertDb_DeleteOldestRecords: the database is not open",
-            "AlertDb_Open: " + omktest::ToUtf8(DatabasePath()) + " does not exist",
+            "AlertDb_DeleteOldestRecords: the database is not open", "AlertDb_Open: " + path + " does not exist",
+            "AlertDb_OpenReadOnly: " + path + " does not exist",
+            "AlertDb_Write: an alert with creation time 132567891090000000 is stored already",
             "AlertDb_Write: null xml for creation time 2",
             "AlertDb_Write: creation time 9223372036854775808 is out of range",
-            "AlertDb_ReadByCreationTimeW: null record pointer", "AlertDb_Open: InitSqliteLib has not been called"}),
+            "AlertDb_ReadByCreationTimeW: null record pointer", "AlertDb_ReadByCreationTimeW: the database is not open",
+            "AlertDb_Open: InitSqliteLib has not been called"}),
         log.Messages());
 }
 
-TEST_F(AlertDb, AFileThatIsNoDatabaseIsMovedAsideAtTheNextStoreOpen) {
-    SHCreateDirectoryExW(nullptr, DataFolder().c_str(), nullptr);
-    const std::string garbage(4096, '#');
-    ASSERT_TRUE(omktest::WriteFileBytes(DatabasePath(), garbage));
-    EXPECT_FALSE(AlertDb_Open(0, 0)) << "the trim connection leaves the file alone";
-    EXPECT_TRUE(log.Contains("AlertDb_Open: opening " + omktest::ToUtf8(DatabasePath()) + " failed 26")) << log.Since();
-    EXPECT_EQ(garbage, omktest::ReadFileBytes(DatabasePath()));
-
-    // The store open moves the file found corrupt, with the journal beside it.
-    ASSERT_TRUE(omktest::WriteFileBytes(DatabasePath() + L"-wal", "stale journal"));
-    SYSTEMTIME utc;
-    GetSystemTime(&utc);
+TEST_F(AlertDb, TrimKeepsTheAlertsStoredLastWhateverTheirCreationTimesAndUpgradesTheFirstLayout) {
+    // Stored while the clock ran a year ahead, then correctly stamped ones.
+    const unsigned long long ahead = 133000000000000000ull, now = 132500000000000000ull;
     ASSERT_TRUE(AlertDb_Open(1, 1));
-    std::vector<std::wstring> copies = CorruptCopies();
-    ASSERT_EQ(2u, copies.size());
-    EXPECT_EQ(0u, copies[0].find(L"omkAlerts.db.corrupt-" + std::to_wstring(utc.wYear)));
-    EXPECT_EQ(35u, copies[0].size()) << "a UTC stamp of 14 digits";
-    EXPECT_EQ(copies[0] + L"-wal", copies[1]);
-    EXPECT_EQ(garbage, omktest::ReadFileBytes(DataFolder() + L"\\" + copies[0]));
-    EXPECT_EQ("stale journal", omktest::ReadFileBytes(DataFolder() + L"\\" + copies[1]));
-    EXPECT_TRUE(log.Contains(" is not a valid database - moved aside to ")) << log.Since();
-    EXPECT_TRUE(AlertDb_Write(1, "<fresh/>"));
-    AlertDb_Close(1);
+    for (unsigned long long t : {ahead, ahead + 1, ahead + 2, now, now + 1}) ASSERT_TRUE(AlertDb_Write(t, "<a/>"));
+    ASSERT_TRUE(AlertDb_Open(0, 0));
+    EXPECT_TRUE(AlertDb_DeleteOldestRecords(5));
+    EXPECT_EQ("5", Query("SELECT count(*) FROM alerts"));
+    EXPECT_TRUE(AlertDb_DeleteOldestRecords(3));
+    EXPECT_EQ(std::to_string(ahead + 2) + "|" + std::to_string(now) + "|" + std::to_string(now + 1),
+              Query("SELECT creation_time FROM alerts ORDER BY id"));
+    // A store with its trim in the same commit.
+    ASSERT_TRUE(AlertDb_WriteAndTrim(now + 2, "<a/>", 3));
+    EXPECT_EQ("3", Query("SELECT count(*) FROM alerts"));
+    EXPECT_EQ("<none>", ReadXml(ahead + 2));
+    ASSERT_TRUE(AlertDb_WriteAndTrim(now + 3, "<a/>", 5));
+    EXPECT_EQ("4", Query("SELECT count(*) FROM alerts"));
+    EXPECT_TRUE(AlertDb_DeleteOldestRecords(0));
+    EXPECT_EQ("0", Query("SELECT count(*) FROM alerts"));
+    FreeSqliteLib();
 
-    // Found corrupt by the store open itself; the copy of the same second is kept.
-    DeleteFileW((DatabasePath() + L"-wal").c_str());
-    ASSERT_TRUE(omktest::WriteFileBytes(DatabasePath(), garbage + "again"));
+    // A file of the first layout: its order of storing is its store times.
+    omktest::RemoveTree(DataFolder());
+    CreateDirectoryW(DataFolder().c_str(), nullptr);
+    Query(
+        "CREATE TABLE alerts(creation_time INTEGER PRIMARY KEY, xml TEXT NOT NULL, stored_utc INTEGER NOT NULL);"
+        "INSERT INTO alerts VALUES(30, 'a', 1), (20, 'b', 2), (10, 'c', 3)");
+    ASSERT_TRUE(InitSqliteLib());
     ASSERT_TRUE(AlertDb_Open(1, 1));
-    EXPECT_EQ("<none>", ReadXml(1));
-    AlertDb_Close(1);
-    int copiesOfGarbage = 0;
-    for (const std::wstring& name : CorruptCopies()) {
-        std::string bytes = omktest::ReadFileBytes(DataFolder() + L"\\" + name);
-        copiesOfGarbage += bytes == garbage || bytes == garbage + "again";
-    }
-    EXPECT_EQ(2, copiesOfGarbage);
-}
-
-TEST_F(AlertDb, EveryAlertReportedStoredSurvivesAKilledWriter) {
-    std::wstring mappingName = L"omkDbTestStored" + std::to_wstring(GetCurrentProcessId());
-    HANDLE mapping = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, mappingName.c_str());
-    ASSERT_NE(nullptr, mapping);
-    auto* stored = static_cast<volatile LONG*>(MapViewOfFile(mapping, FILE_MAP_WRITE, 0, 0, sizeof(LONG)));
-    ASSERT_NE(nullptr, stored);
-
-    const unsigned long long first = 1000000;
-    {
-        Client writer(L"write " + std::to_wstring(first) + L" 100000000 " + mappingName);
-        DWORD start = GetTickCount();
-        while (*stored < 60 && GetTickCount() - start < 60000) Sleep(5);
-        ASSERT_GE(*stored, 60) << "the writer did not get going";
-    }  // killed here, in the middle of its writes
-    LONG reported = *stored;
-
-    ASSERT_TRUE(AlertDb_Open(1, 1));
-    for (LONG i = 0; i < reported; ++i) {
-        ASSERT_EQ(AlertXml(first + i), ReadXml(first + i)) << "record " << i << " of " << reported;
-    }
-    LONG rows = atol(Query("SELECT count(*) FROM alerts").at(0).c_str());
-    EXPECT_TRUE(rows == reported || rows == reported + 1) << rows << " rows, " << reported << " reported";
-    EXPECT_TRUE(AlertDb_Write(1, "<after/>"));
-    EXPECT_EQ("<after/>", ReadXml(1));
-    AlertDb_Close(1);
-    EXPECT_TRUE(CorruptCopies().empty());
-    UnmapViewOfFile(const_cast<LONG*>(stored));
-    CloseHandle(mapping);
-}
-
-TEST_F(AlertDb, AnotherProcessReadsWholeRecordsWhileTheServiceWrites) {
-    ASSERT_TRUE(AlertDb_Open(1, 1));
-    NamedEvent ready(L"omkDbTestReaderReady");
-    const unsigned long long first = 5000;
-    const int count = 200;
-    Client reader(L"read " + std::to_wstring(first) + L" " + std::to_wstring(count) + L" 60000 " + ready.name);
-    ASSERT_TRUE(ready.WaitSet(30000)) << "reader did not open the database";
-    for (int i = 0; i < count; ++i) {
-        ASSERT_TRUE(AlertDb_Write(first + i, AlertXml(first + i).c_str()));
-        if (i % 10 == 0) Sleep(2);
-    }
-    EXPECT_EQ(0u, reader.Wait(90000)) << "21/22 torn record, 23 time-out, 24 no overlap with the writes";
-    AlertDb_Close(1);
+    EXPECT_TRUE(AlertDb_DeleteOldestRecords(2));
+    EXPECT_EQ("b", ReadXml(20));
+    EXPECT_EQ("2 20|3 10", Query("SELECT id || ' ' || creation_time FROM alerts ORDER BY id"));
     EXPECT_EQ("", log.Since());
 }
 
-TEST_F(AlertDb, ALockedDatabaseIsWaitedForUpToFiveSecondsAndNothingIsLost) {
+TEST_F(AlertDb, ACorruptFileThatCannotBeMovedIsRetriedAtTheNextOpenAndItsWalNeverMeetsANewDatabase) {
     ASSERT_TRUE(AlertDb_Open(1, 1));
-    ASSERT_TRUE(AlertDb_Write(1, "<one/>"));
-    {
-        NamedEvent held(L"omkDbTestHeldShort");
-        Client holder(L"hold 1500 " + held.name);
-        ASSERT_TRUE(held.WaitSet(30000));
-        DWORD start = GetTickCount();
-        EXPECT_TRUE(AlertDb_Write(2, "<two/>"));
-        EXPECT_GE(GetTickCount() - start, 1000u) << "the write went through a held lock";
-        EXPECT_EQ(0u, holder.Wait(30000));
+    for (unsigned long long t = 1; t <= 3; ++t) ASSERT_TRUE(AlertDb_Write(t, "<stale/>"));
+    FreeSqliteLib();
+    // A WAL that changes a record in place: it holds the table's page, not the header page.
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(omktest::ToUtf8(DatabasePath()).c_str(), &db));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "UPDATE alerts SET xml='<STALE/>' WHERE creation_time=1", 0, 0, 0));
+    const std::string staleWal = omktest::ReadFileBytes(DatabasePath() + L"-wal");
+    sqlite3_close(db);
+    ASSERT_GT(staleWal.size(), 4096u);
+    const std::string garbage(8192, '#');
+
+    // Held: first the database itself, then only its WAL (the database is moved, the WAL is not).
+    for (const wchar_t* held : {L"", L"-wal"}) {
+        SCOPED_TRACE(omktest::ToUtf8(held));
+        ASSERT_TRUE(omktest::WriteFileBytes(DatabasePath(), garbage));
+        ASSERT_TRUE(omktest::WriteFileBytes(DatabasePath() + L"-wal", staleWal));
+        ASSERT_TRUE(InitSqliteLib());
+        log.Mark();
+        HANDLE holder = Hold(DatabasePath() + held);
+        ASSERT_NE(INVALID_HANDLE_VALUE, holder);
+        EXPECT_FALSE(AlertDb_Open(1, 1));
+        EXPECT_FALSE(AlertDb_Open(1, 1));
+        const std::string since = log.Since();
+        EXPECT_TRUE(since.find("could not move") != std::string::npos &&
+                    since.find("could not move") == since.rfind("could not move"))
+            << "reported once: " << since;
+        CloseHandle(holder);
+        ASSERT_TRUE(AlertDb_Open(1, 1)) << log.Since();
+        EXPECT_EQ("<none>", ReadXml(1)) << "the stale WAL was applied";
+        EXPECT_TRUE(log.Contains(" is not a valid database - moved aside to ")) << log.Since();
+        FreeSqliteLib();
     }
-    {
-        NamedEvent held(L"omkDbTestHeldLong");
-        Client holder(L"hold 6500 " + held.name);
-        ASSERT_TRUE(held.WaitSet(30000));
-        DWORD start = GetTickCount();
-        EXPECT_FALSE(AlertDb_Write(3, "<three/>"));
-        DWORD waited = GetTickCount() - start;
-        EXPECT_GE(waited, 4500u);
-        EXPECT_LT(waited, 6400u);
-        EXPECT_TRUE(log.Contains("AlertDb_Write: storing 3 failed 5 (database is locked)")) << log.Since();
-        EXPECT_EQ(0u, holder.Wait(30000));
+    // Both files moved aside, the first with its WAL beside it.
+    std::multiset<std::string> copies;
+    for (const std::wstring& name : Files()) {
+        if (name.find(L".corrupt-") != std::wstring::npos)
+            copies.insert(omktest::ReadFileBytes(DataFolder() + L"\\" + name));
     }
-    EXPECT_TRUE(AlertDb_Write(3, "<three/>"));
-    EXPECT_EQ("<one/>", ReadXml(1));
-    EXPECT_EQ("<two/>", ReadXml(2));
-    EXPECT_EQ("<three/>", ReadXml(3));
-    AlertDb_Close(1);
-    EXPECT_TRUE(CorruptCopies().empty());
+    EXPECT_TRUE((std::multiset<std::string>{garbage, garbage, staleWal}) == copies);
+}
+
+TEST_F(AlertDb, EveryAlertReportedStoredSurvivesTheWriterKilledRightAfterAndALockIsWaitedFor) {
+    const unsigned long long first = 1000000;
+    EXPECT_EQ(7u, omktest::RunProcess(ClientCommand(L"write " + std::to_wstring(first) + L" 100")));
+    ASSERT_TRUE(AlertDb_Open(1, 1));
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(AlertXml(first + i), ReadXml(first + i)) << i;
+    EXPECT_EQ("100", Query("SELECT count(*) FROM alerts"));
+
+    // Another connection holds the write lock for a while: the store waits for it.
+    sqlite3* holder = nullptr;
+    sqlite3_open(omktest::ToUtf8(DatabasePath()).c_str(), &holder);
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(holder, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr));
+    std::thread release([holder] {
+        Sleep(400);
+        sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
+    });
+    const DWORD start = GetTickCount();
+    EXPECT_TRUE(AlertDb_Write(1, "<after/>"));
+    EXPECT_GE(GetTickCount() - start, 300u) << "the write went through a held lock";
+    release.join();
+    sqlite3_close(holder);
+    EXPECT_EQ("<after/>", ReadXml(1));
+}
+
+TEST_F(AlertDb, AProcessWithoutWriteAccessReadsWhileTheServiceWritesAndWhileItIsStopped) {
+    const unsigned long long first = 5000;
+    const int count = 200;
+    ASSERT_TRUE(AlertDb_Open(1, 1));
+    ASSERT_TRUE(AlertDb_Write(first, AlertXml(first).c_str()));
+    const std::wstring read = ClientCommand(L"read " + std::to_wstring(first) + L" " + std::to_wstring(count) + L" ");
+    NamedEvent ready;
+    DWORD result = 0xBAD;
+    std::thread reader([&] { result = omktest::RunProcess(read + ready.name, 90000); });
+    EXPECT_TRUE(ready.WaitSet()) << "the reader did not open the database";
+    for (int i = 1; i < count; ++i) ASSERT_TRUE(AlertDb_Write(first + i, AlertXml(first + i).c_str()));
+    reader.join();
+    EXPECT_EQ(0u, result) << "21 torn record, 22 time-out";
+    FreeSqliteLib();  // the service stopped
+
+    // No other process may write any of the files now, nor go unnoticed adding one.
+    const std::vector<std::wstring> files = Files();
+    EXPECT_EQ((std::vector<std::wstring>{L"omkAlerts.db", L"omkAlerts.db-shm", L"omkAlerts.db-wal"}), files);
+    std::vector<HANDLE> holders;
+    for (const std::wstring& name : files) holders.push_back(Hold(DataFolder() + L"\\" + name, FILE_SHARE_READ));
+    const std::string bytes = omktest::ReadFileBytes(DatabasePath());
+    EXPECT_EQ(0u, omktest::RunProcess(read + ready.name));
+    EXPECT_EQ(files, Files());
+    EXPECT_TRUE(bytes == omktest::ReadFileBytes(DatabasePath()));
+    for (HANDLE holder : holders) CloseHandle(holder);
+    EXPECT_EQ("", log.Since());
 }
 
 }  // namespace

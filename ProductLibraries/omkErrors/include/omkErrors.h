@@ -3,15 +3,30 @@
 // Every component reports failures and lifecycle messages with
 //   OMK_ReportError(0, L"%hs(): SetEvent(%hs) err=%lu", __func__, "g_Event", GetLastError());
 // The format is printf-like with the Windows width rules (%s is wide in a wide
-// format, %hs narrow, %S the other width). Because C varargs cannot tell how
-// many arguments were passed, OMK_ReportError is a template that hands the
-// library every argument with its type and the count: a placeholder without an
-// argument is printed as it stands, and a string given for a number (or the
-// reverse) is printed safely. A report never fails towards the caller.
+// format, %hs narrow, %S the other width). A report never fails towards the
+// caller.
 //
-// The log is "<ProgramData>\Varn\Orlemark\Log\<name>", one UTF-8 line per
-// report (local time with milliseconds, process id, thread id, code, message),
-// kept under 1 MiB with one ".bak" backup. Reports also go to the debugger.
+// Two ways in, one log:
+//  - C++ (the service and everything built with this header as C++): the
+//    OMK_ReportError template at the end hands the library every argument with
+//    its type and the count, so a placeholder without an argument is printed as
+//    it stands and a string given for a number (or the reverse) is printed
+//    safely. This is the safe path; use it wherever C++ is available.
+//  - C: the exported variadic OMK_ReportError. Like printf it cannot count or
+//    type its arguments, so the format must match them exactly; a mismatch is
+//    undefined behaviour, as with printf itself.
+//
+// The log is "<log folder>\<name>", where the log folder is the product's Log
+// folder by the same rule as the service's (CDef::FOLDER_OMK_LOG). One UTF-8
+// line per report (local time with milliseconds, process id, thread id, code,
+// message), kept under 1 MiB with one ".bak" backup; when the backup cannot be
+// made (another program holds the log without delete sharing) reports are
+// still appended until the file reaches 2 MiB and then dropped until it can
+// be. Processes writing one log file serialise on the mutex
+// "Global\OMKErrorLog:<the log's full path in lower case, '\' written as '/'>",
+// which every product process may wait on and release whoever created it
+// (SYSTEM and Administrators full control, Authenticated Users synchronise and
+// release). Reports also go to the debugger.
 #pragma once
 
 #include <windows.h>
@@ -24,18 +39,22 @@
 #define OMKERRORS_API __declspec(dllimport)
 #endif
 
-// How one argument was passed.
-enum OMK_ERROR_ARG_KIND : unsigned int {
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// How one argument was passed (OMK_ERROR_ARG::kind).
+enum OMK_ERROR_ARG_KIND {
     OMK_ARG_SIGNED = 1,
     OMK_ARG_UNSIGNED = 2,
     OMK_ARG_POINTER = 3,
     OMK_ARG_WIDE_STRING = 4,
     OMK_ARG_NARROW_STRING = 5,
-    OMK_ARG_FLOATING = 6,
+    OMK_ARG_FLOATING = 6
 };
 
 // One argument of a report. Strings are borrowed for the duration of the call.
-struct OMK_ERROR_ARG {
+typedef struct OMK_ERROR_ARG {
     unsigned int kind;  // OMK_ERROR_ARG_KIND
     unsigned int size;  // bytes of the caller's integer type (1, 2, 4 or 8)
     union {
@@ -46,19 +65,18 @@ struct OMK_ERROR_ARG {
         const char* s;
         double d;
     } value;
-};
-
-extern "C" {
+} OMK_ERROR_ARG;
 
 // Names the log file for this process: a bare file name goes into the product's
 // log folder, a full path is used as it is. Any thread, any time.
 OMKERRORS_API void WINAPI OMK_SetErrorLogName(const wchar_t* name);
 
 // Copies the full path of the current log file; returns its length in
-// characters, or 0 when the buffer is too small.
+// characters, or 0 when the buffer is too small or there is no log folder.
 OMKERRORS_API DWORD WINAPI OMK_GetErrorLogPath(wchar_t* buffer, DWORD bufferChars);
 
-// Formats and appends one report. Prefer the OMK_ReportError template below.
+// Formats and appends one report from typed arguments (what the C++ template
+// below calls).
 OMKERRORS_API void WINAPI OMK_ReportErrorArgs(DWORD code, const wchar_t* format, const OMK_ERROR_ARG* args,
                                               int argCount);
 
@@ -66,9 +84,16 @@ OMKERRORS_API void WINAPI OMK_ReportErrorArgs(DWORD code, const wchar_t* format,
 // text; the buffer receives as much as fits, always terminated.
 OMKERRORS_API int WINAPI OMK_FormatErrorArgs(wchar_t* buffer, int bufferChars, const wchar_t* format,
                                              const OMK_ERROR_ARG* args, int argCount);
-}
+
+#ifndef __cplusplus
+// The C entry point (see the top of this header): the arguments must match the
+// format exactly. C++ sees the typed template of the same name instead.
+OMKERRORS_API void __cdecl OMK_ReportError(DWORD code, const wchar_t* format, ...);
+#endif
 
 #ifdef __cplusplus
+}  // extern "C"
+
 #include <type_traits>
 
 namespace omk_errors_detail {

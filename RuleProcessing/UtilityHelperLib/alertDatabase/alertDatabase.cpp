@@ -48,7 +48,10 @@ char* ReadValidateXmlFile(const wchar_t* path) {
     return bytes;
 }
 
-int addToAlertDbCore(ULONGLONG creationTime, const char* bytes) {
+// Stores the alert. The trim that CheckMaxAlerts makes after it is made in
+// the store's own commit already (one synced commit per alert instead of
+// two); CheckMaxAlerts then finds nothing left to delete.
+int addToAlertDbCore(ULONGLONG creationTime, const char* bytes, DWORD maxAlerts) {
     if (!AlertDb_Open(1, 1)) {
         OMK_ReportError(0, L"addToAlertDbCore: AlertDb_Open () failed");
         return 0;
@@ -59,7 +62,7 @@ int addToAlertDbCore(ULONGLONG creationTime, const char* bytes) {
         OMK_ReportError(0, L"addToAlertDbCore: Alert with same creation time exists!");
         result = 1;  // the older record stays; the new file counts as stored
     } else {
-        result = AlertDb_Write(creationTime, bytes);
+        result = AlertDb_WriteAndTrim(creationTime, bytes, maxAlerts);
         if (result == 0) OMK_ReportError(0, L"addToAlertDbCore: AlertDb_Write () failed");
     }
     if (record != nullptr) {
@@ -172,7 +175,7 @@ int AddToAlertDb(const wchar_t* alertFolder, DWORD /*reserved*/, DWORD removeXml
         OMK_ReportError(0, L"AddToAlertDb: ReadValidateXmlFile %ls failed", path);
         return 0;
     }
-    const int result = addToAlertDbCore(creationTime, bytes);
+    const int result = addToAlertDbCore(creationTime, bytes, maxAlerts);
     if (result == 0) {
         OMK_ReportError(0, L"AddToAlertDb: addToAlertDbCore %ls failed", path);
         free(bytes);

@@ -34,6 +34,20 @@ LARGE_INTEGER FileSizeOf(const wchar_t* path) {
     return size;
 }
 
+// Writes UTF-8 text as the file's bytes: each "\n" as CR LF, and "%%" as one
+// "%" (the text passes the formatter's rules with no arguments; any other
+// conversion, having no argument, is written as it stands). A failed write
+// leaves the stream's error indicator set for the caller to find.
+void WriteBytes(FILE* stream, const char* text) {
+    std::string bytes;
+    for (const char* p = text; *p != '\0'; ++p) {
+        if (*p == '\n') bytes += '\r';
+        bytes += *p;
+        if (p[0] == '%' && p[1] == '%') ++p;
+    }
+    fwrite(bytes.data(), 1, bytes.size(), stream);
+}
+
 void FreeHandle(XMLLOG_HANDLE* handle) {
     if (handle->fp != nullptr) {
         fclose(handle->fp);
@@ -158,16 +172,18 @@ XMLLOG_HANDLE* xmlLogOpen(const wchar_t* dirName, const wchar_t* openXmlTag, con
         static_cast<DWORD>(wcslen(handle->header) + wcslen(handle->openingTag) + wcslen(handle->closingTag));
     const wchar_t* mode = bytes > threshold ? L"r+" : L"w+";
 
-    // Text mode: every "\n" written becomes CR LF on disk.
-    errno_t error = _wfopen_s(&handle->fp, handle->filePath, mode);
+    // Binary: the writers put CR LF on disk for "\n" themselves, byte for
+    // byte, whatever locale the C runtime has been set to.
+    errno_t error = _wfopen_s(&handle->fp, handle->filePath, mode[0] == L'r' ? L"r+b" : L"w+b");
     if (handle->fp == nullptr || error != 0) {
         FreeHandle(handle);
         return nullptr;
     }
 
     if (mode[0] == L'r') {
-        // Back over "</TolvaneAlerts>" and the CR LF that text mode wrote after
-        // it: the next alert overwrites the closing tag.
+        // Back over "</TolvaneAlerts>" and the CR LF written after it (the
+        // tag's "\n" and the CR before it): the next alert overwrites the
+        // closing tag.
         DWORD position = bytes - static_cast<DWORD>(wcslen(handle->closingTag)) - 1;
         if (fseek(handle->fp, static_cast<long>(position), SEEK_SET) != 0) {
             FreeHandle(handle);
@@ -210,20 +226,16 @@ int writeServiceTag(XMLLOG_HANDLE* handle) {
     }
     CStrHelper::StrPrintf(tag, 4096, L"</%ws>", L"ServiceTag");
     xmlLogWriteString(handle->fp, tag);
-    return 1;
+    return ferror(handle->fp) ? 0 : 1;
 }
 
 void xmlLogWriteString(FILE* stream, const wchar_t* format) {
     if (stream == nullptr || format == nullptr) return;
-    // The text passes the formatter's rules with no arguments: "%%" is one
-    // "%"; any other conversion has no argument to take and is written as it
-    // stands instead of reading one that was never passed.
-    std::wstring text;
-    for (const wchar_t* p = format; *p != L'\0'; ++p) {
-        text += *p;
-        if (p[0] == L'%' && p[1] == L'%') ++p;
-    }
-    fputws(text.c_str(), stream);
+    int n = WideCharToMultiByte(CP_UTF8, 0, format, -1, nullptr, 0, nullptr, nullptr);
+    if (n <= 0) return;
+    std::string utf8(static_cast<size_t>(n), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, format, -1, &utf8[0], n, nullptr, nullptr);
+    WriteBytes(stream, utf8.c_str());
 }
 
 int xmlLogWriteUTF8String(XMLLOG_HANDLE* handle, const wchar_t* wideText) {
@@ -233,14 +245,9 @@ int xmlLogWriteUTF8String(XMLLOG_HANDLE* handle, const wchar_t* wideText) {
         OMK_ReportError(0, L"%hs(): failed for %ls", "WcharToUtf8", wideText);
         return 0;
     }
-    // One wide character per UTF-8 byte: the text-mode stream of the default
-    // locale writes each back as that byte, so the UTF-8 reaches the disk as is.
-    wchar_t widened[OMK_UTF8_BUFFER_BYTES];
-    size_t n = 0;
-    for (; utf8[n] != '\0'; ++n) widened[n] = static_cast<wchar_t>(static_cast<unsigned char>(utf8[n]));
-    widened[n] = L'\0';
-    xmlLogWriteString(handle->fp, widened);
-    return 1;
+    WriteBytes(handle->fp, utf8);
+    // A failed write here or in the markup before it: the element is not whole.
+    return ferror(handle->fp) ? 0 : 1;
 }
 
 void xmlLogClose(XMLLOG_HANDLE* handle) {
@@ -249,11 +256,15 @@ void xmlLogClose(XMLLOG_HANDLE* handle) {
     OmkFill(alertEnd, sizeof(alertEnd));
     CStrHelper::StrPrintf(alertEnd, 32, L"\t</%ws>\n", L"Alert");
     xmlLogWriteString(handle->fp, alertEnd);
-    if (handle->closingTag[0] == L'\0') {
+    xmlLogWriteString(handle->fp, handle->closingTag);
+    // Whatever failed since the open (a full disk) leaves the file without
+    // its end: said here, and the store that reads it back will refuse it.
+    bool written = handle->fp != nullptr && !ferror(handle->fp);
+    if (handle->fp != nullptr && fclose(handle->fp) != 0) written = false;
+    handle->fp = nullptr;
+    if (!written) {
         OMK_ReportError(0, L"xmlLogClose: Error writing closing tag %ws to File %ws", handle->closingTag,
                         handle->filePath);
-    } else {
-        xmlLogWriteString(handle->fp, handle->closingTag);
     }
     FreeHandle(handle);
 }

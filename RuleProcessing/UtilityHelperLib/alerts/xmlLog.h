@@ -18,7 +18,7 @@ constexpr LONGLONG XMLLOG_BACKUP_SIZE = 0x400000;
 // An open alert file. Allocated zero-filled by xmlLogOpen, freed by
 // xmlLogClose; counted in g_allocCount while it lives.
 typedef struct XMLLOG_HANDLE {
-    FILE* fp;                               // text-mode stream: a written "\n" reaches the disk as CR LF
+    FILE* fp;                               // binary stream; the writers put CR LF on disk for "\n"
     wchar_t filePath[XMLLOG_PATH_CHARS];    // "<folder>\<file name>"
     wchar_t header[XMLLOG_TEXT_CHARS];      // the XML declaration line
     wchar_t openingTag[XMLLOG_TEXT_CHARS];  // "<TolvaneAlerts>\n"
@@ -40,15 +40,22 @@ XMLLOG_HANDLE* xmlLogInitHandle(const wchar_t* dirName, const wchar_t* fileName)
 // Writes "<ServiceTag>", g_serviceTag in UTF-8, "</ServiceTag>". 1 or 0.
 int writeServiceTag(XMLLOG_HANDLE* handle);
 
-// Writes finished text to the stream as a format with no arguments: "%%" comes
-// out as one "%" (no caller escapes "%"); any other conversion, having no
-// argument, is written as it stands. Nothing for a null stream or text.
+// Writes finished text to the stream in UTF-8 as a format with no arguments:
+// "%%" comes out as one "%" (no caller escapes "%"); any other conversion,
+// having no argument, is written as it stands; "\n" reaches the disk as CR LF.
+// The bytes do not depend on the C runtime's locale. Nothing for a null
+// stream or text; a failed write is left in the stream's error indicator,
+// which the next xmlLogWriteUTF8String and xmlLogClose report.
 void xmlLogWriteString(FILE* stream, const wchar_t* format);
 
-// Writes the UTF-8 form of `wideText` (at most 1023 bytes) byte for byte.
-// 0 without writing for a null handle or text or a text too long to convert.
+// Writes the UTF-8 form of `wideText` (at most 1023 bytes) byte for byte, by
+// the rules of xmlLogWriteString. 0 without writing for a null handle or text
+// or a text too long to convert; 0 also when this or an earlier write to the
+// stream failed (a full disk).
 int xmlLogWriteUTF8String(XMLLOG_HANDLE* handle, const wchar_t* wideText);
 
 // Writes "\t</Alert>\n" and the closing root tag, closes the stream and frees
-// the handle. A null handle is ignored.
+// the handle. When a write since the open or the close itself failed, the file
+// is not whole and "xmlLogClose: Error writing closing tag ..." is reported. A
+// null handle is ignored.
 void xmlLogClose(XMLLOG_HANDLE* handle);

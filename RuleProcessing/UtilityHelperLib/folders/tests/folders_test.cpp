@@ -31,32 +31,30 @@ std::wstring Lower(std::wstring text) {
 }
 
 // Sets an environment variable for the test's duration.
-class ScopedEnv {
-public:
-    ScopedEnv(const wchar_t* name, const std::wstring& value) : name_(name) {
-        wchar_t old[4096];
-        DWORD n = GetEnvironmentVariableW(name, old, 4096);
-        had_ = n > 0 && n < 4096;
-        if (had_) old_ = old;
-        SetEnvironmentVariableW(name, value.c_str());
+struct ScopedEnv {
+    std::wstring name, old = std::wstring(4096, L'\0');
+    ScopedEnv(const wchar_t* variable, const std::wstring& value) : name(variable) {
+        old.resize(GetEnvironmentVariableW(variable, &old[0], 4096));
+        SetEnvironmentVariableW(variable, value.c_str());
     }
-    ~ScopedEnv() { SetEnvironmentVariableW(name_.c_str(), had_ ? old_.c_str() : nullptr); }
-
-private:
-    std::wstring name_, old_;
-    bool had_ = false;
+    ~ScopedEnv() { SetEnvironmentVariableW(name.c_str(), old.empty() ? nullptr : old.c_str()); }
 };
 
-// Rights per SID of the explicit entries, generic rights mapped to file rights;
-// "!" counts entries that are not inheritable allow entries.
-std::map<std::wstring, DWORD> Entries(const ACL* dacl) {
+// Rights per SID of the explicit entries of `dacl`, or of the folder's DACL,
+// generic rights mapped to file rights; "!" counts entries that are not
+// inheritable allow entries.
+std::map<std::wstring, DWORD> Entries(const std::wstring& folder, PACL dacl = nullptr) {
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (dacl == nullptr) {
+        GetNamedSecurityInfoW(folder.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
+                              nullptr, &descriptor);
+    }
     std::map<std::wstring, DWORD> entries;
     GENERIC_MAPPING mapping = {FILE_GENERIC_READ, FILE_GENERIC_WRITE, FILE_GENERIC_EXECUTE, FILE_ALL_ACCESS};
-    for (DWORD i = 0; dacl != nullptr && i < dacl->AceCount; ++i) {
-        ACCESS_ALLOWED_ACE* ace = nullptr;
-        if (!GetAce(const_cast<ACL*>(dacl), i, reinterpret_cast<void**>(&ace))) continue;
-        if (ace->Header.AceFlags & INHERITED_ACE) continue;  // from the parent folder
+    ACCESS_ALLOWED_ACE* ace = nullptr;
+    for (DWORD i = 0; dacl != nullptr && GetAce(dacl, i, reinterpret_cast<void**>(&ace)); ++i) {
         const BYTE inherit = CONTAINER_INHERIT_ACE | OBJECT_INHERIT_ACE;
+        if (ace->Header.AceFlags & INHERITED_ACE) continue;  // from the parent folder
         if (ace->Header.AceType != ACCESS_ALLOWED_ACE_TYPE || (ace->Header.AceFlags & inherit) != inherit) {
             entries[L"!"]++;
         }
@@ -67,6 +65,7 @@ std::map<std::wstring, DWORD> Entries(const ACL* dacl) {
         entries[sid != nullptr ? sid : L"?"] |= mask;
         LocalFree(sid);
     }
+    LocalFree(descriptor);
     return entries;
 }
 
@@ -75,64 +74,63 @@ const std::map<std::wstring, DWORD> kProductEntries = {
     {L"S-1-5-18", FILE_ALL_ACCESS},                                // Local System
     {L"S-1-5-32-545", FILE_GENERIC_READ | FILE_GENERIC_EXECUTE}};  // Users
 
-std::map<std::wstring, DWORD> FolderEntries(const std::wstring& path) {
-    PACL dacl = nullptr;
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    EXPECT_EQ(GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
-                                    nullptr, &descriptor),
-              0u);
-    std::map<std::wstring, DWORD> entries = Entries(dacl);
-    LocalFree(descriptor);
-    return entries;
-}
-
 // Sets a folder's DACL from SDDL text.
-void SetDacl(const std::wstring& path, const wchar_t* sddl) {
+void SetDacl(const std::wstring& folder, const wchar_t* sddl) {
     PSECURITY_DESCRIPTOR descriptor = nullptr;
-    ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl, SDDL_REVISION_1, &descriptor, nullptr));
+    ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl, SDDL_REVISION_1, &descriptor, nullptr);
     PACL dacl = nullptr;
     BOOL present = FALSE, defaulted = FALSE;
     GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted);
-    std::wstring name = path;
-    EXPECT_EQ(
-        SetNamedSecurityInfoW(&name[0], SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl, nullptr),
-        0u);
+    std::wstring name = folder;
+    EXPECT_EQ(0u, SetNamedSecurityInfoW(&name[0], SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl,
+                                        nullptr));
     LocalFree(descriptor);
 }
 
 // The folder has the product DACL. Wine keeps no DACLs on files (it derives
 // them from the Unix mode), so there only the loss of write rights of
 // Everyone and Users can be seen.
-void ExpectProductDacl(const std::wstring& path) {
-    static int keepsDacls = -1;
-    if (keepsDacls < 0) {
+void ExpectProductDacl(const std::wstring& folder) {
+    static const bool keepsDacls = [] {
         omktest::TempFolder probe;
         SetDacl(probe.Path(), L"D:P(A;OICI;FA;;;BA)");
-        keepsDacls = FolderEntries(probe.Path()).size() == 1 ? 1 : 0;
-        if (!keepsDacls) printf("note: the file system keeps no DACLs; checking write rights only\n");
-    }
-    std::map<std::wstring, DWORD> entries = FolderEntries(path);
+        return Entries(probe.Path()).size() == 1;
+    }();
+    std::map<std::wstring, DWORD> entries = Entries(folder);
     if (keepsDacls) {
         EXPECT_EQ(entries, kProductEntries);
-        return;
+    } else {
+        EXPECT_EQ(0u, (entries[L"S-1-1-0"] | entries[L"S-1-5-32-545"]) & kWriteRights);
     }
-    EXPECT_EQ(entries[L"S-1-1-0"] & kWriteRights, 0u);
-    EXPECT_EQ(entries[L"S-1-5-32-545"] & kWriteRights, 0u);
 }
 
-TEST(MakeDirectory, CreatesEveryMissingLevelAndReportsTheFirstFailure) {
+TEST(MakeDirectory, CreatesEveryMissingLevelAndSubfoldersFallBackToTheStorageFolder) {
     omktest::TempFolder temp;
     const std::wstring deep = temp.File(L"a\\b\\c");
     EXPECT_EQ(CFileHelper::MakeDirectory(deep.c_str(), nullptr), 0u);
     EXPECT_TRUE(IsDirectory(deep));
-    EXPECT_EQ(CFileHelper::MakeDirectory((deep + L"\\").c_str(), nullptr), 0u);
-
-    ASSERT_TRUE(omktest::WriteFileBytes(temp.File(L"file"), "x"));
-    EXPECT_EQ(CFileHelper::MakeDirectory(temp.File(L"file").c_str(), nullptr), static_cast<DWORD>(ERROR_DIRECTORY));
+    const std::wstring file = temp.File(L"file");
+    ASSERT_TRUE(omktest::WriteFileBytes(file, "x"));
+    EXPECT_EQ(CFileHelper::MakeDirectory(file.c_str(), nullptr), static_cast<DWORD>(ERROR_DIRECTORY));
     EXPECT_NE(CFileHelper::MakeDirectory(temp.File(L"file\\sub\\leaf").c_str(), nullptr), 0u);
     EXPECT_FALSE(IsDirectory(temp.File(L"file\\sub")));
     EXPECT_NE(CFileHelper::MakeDirectory(temp.File(L"bad<name").c_str(), nullptr), 0u);
     EXPECT_EQ(CFileHelper::MakeDirectory(nullptr, nullptr), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+
+    const struct {
+        std::wstring storage, name, expected;
+    } cases[] = {{temp.Path(), L"Archive", temp.File(L"Archive")},
+                 {temp.Path(), L"Ar|chive", temp.Path()},  // cannot be made
+                 {temp.Path(), L"file", temp.Path()},      // a file of that name
+                 {file, L"Data", file},
+                 {temp.Path(), std::wstring(300, L'n'), L""}};  // does not fit
+    wchar_t folder[OMK_PATH_CHARS];
+    for (const auto& c : cases) {
+        EXPECT_EQ(!c.expected.empty(), MkOMKStorageSubFolder(folder, 0, c.storage.c_str(), c.name.c_str()));
+        EXPECT_EQ(c.expected, folder);
+    }
+    EXPECT_TRUE(IsDirectory(temp.File(L"Archive")));
+    EXPECT_FALSE(MkOMKStorageSubFolder(folder, OMK_PATH_CHARS, nullptr, L"Data"));
 }
 
 TEST(GetOMKInstallLocation, UsesTheCollectorsFolderElseOurOwn) {
@@ -154,63 +152,12 @@ TEST(GetOMKInstallLocation, UsesTheCollectorsFolderElseOurOwn) {
                  {L"", REG_SZ, ours},
                  {L"\"" + collector + L"\"", REG_MULTI_SZ, ours}};
     wchar_t folder[OMK_PATH_CHARS];
-    {
-        omktest::ScopedRegKey key(HKEY_LOCAL_MACHINE, kCollectorKey);
-        for (const auto& c : cases) {
-            ASSERT_EQ(key.SetString(L"ImagePath", c.imagePath, c.type), 0);
-            ASSERT_TRUE(GetOMKInstallLocation(folder));
-            EXPECT_EQ(Lower(folder), c.folder) << omktest::ToUtf8(c.imagePath);
-        }
+    omktest::ScopedRegKey key(HKEY_LOCAL_MACHINE, kCollectorKey);
+    for (const auto& c : cases) {
+        ASSERT_EQ(key.SetString(L"ImagePath", c.imagePath, c.type), 0);
+        ASSERT_TRUE(GetOMKInstallLocation(folder));
+        EXPECT_EQ(Lower(folder), c.folder) << omktest::ToUtf8(c.imagePath);
     }
-    ASSERT_TRUE(GetOMKInstallLocation(folder));  // no key
-    EXPECT_EQ(Lower(folder), ours);
-}
-
-TEST(MkOMKProgramData, CreatesTheFolderWithTheProductDaclOrReplacesItsDacl) {
-    PACL dacl = nullptr;
-    ASSERT_EQ(MakeOMKProgramDataDacl(&dacl), 0u);
-    EXPECT_EQ(dacl->AceCount, 3);
-    EXPECT_EQ(Entries(dacl), kProductEntries);
-    LocalFree(dacl);
-
-    omktest::TempFolder created, replaced;
-    wchar_t folder[OMK_PATH_CHARS];
-    ASSERT_TRUE(MkOMKProgramData(folder, 0, created.Path().c_str()));
-    EXPECT_EQ(std::wstring(folder), created.File(L"Varn\\Orlemark"));
-    ASSERT_TRUE(IsDirectory(folder));
-    ExpectProductDacl(folder);
-
-    // An existing folder where Everyone had full control.
-    const std::wstring existing = replaced.File(L"Varn\\Orlemark");
-    ASSERT_EQ(CFileHelper::MakeDirectory(existing.c_str(), nullptr), 0u);
-    SetDacl(existing, L"D:P(A;OICI;FA;;;WD)");
-    ASSERT_NE(FolderEntries(existing)[L"S-1-1-0"] & kWriteRights, 0u);
-    ASSERT_TRUE(MkOMKProgramData(folder, OMK_PATH_CHARS, replaced.Path().c_str()));
-    ExpectProductDacl(existing);
-
-    const std::wstring longRoot = L"C:\\" + std::wstring(250, L'p');
-    EXPECT_FALSE(MkOMKProgramData(folder, OMK_PATH_CHARS, longRoot.c_str()));
-    EXPECT_STREQ(folder, L"");
-    EXPECT_FALSE(MkOMKProgramData(folder, OMK_PATH_CHARS, nullptr));
-}
-
-TEST(MkOMKStorageSubFolder, CreatesTheSubfolderOrFallsBackToTheStorageFolder) {
-    omktest::TempFolder storage;
-    const std::wstring file = storage.File(L"plain.txt");
-    ASSERT_TRUE(omktest::WriteFileBytes(file, "x"));
-    wchar_t folder[OMK_PATH_CHARS];
-    ASSERT_TRUE(MkOMKStorageSubFolder(folder, 0, storage.Path().c_str(), L"Archive"));
-    EXPECT_EQ(std::wstring(folder), storage.File(L"Archive"));
-    EXPECT_TRUE(IsDirectory(folder));
-    ASSERT_TRUE(MkOMKStorageSubFolder(folder, OMK_PATH_CHARS, storage.Path().c_str(), L"Ar|chive"));
-    EXPECT_EQ(std::wstring(folder), storage.Path());
-    ASSERT_TRUE(MkOMKStorageSubFolder(folder, OMK_PATH_CHARS, storage.Path().c_str(), L"plain.txt"));
-    EXPECT_EQ(std::wstring(folder), storage.Path()) << "a file of the subfolder's name";
-    ASSERT_TRUE(MkOMKStorageSubFolder(folder, OMK_PATH_CHARS, file.c_str(), L"Data"));
-    EXPECT_EQ(std::wstring(folder), file);
-    EXPECT_FALSE(MkOMKStorageSubFolder(folder, OMK_PATH_CHARS, storage.Path().c_str(), std::wstring(300, 'n').c_str()));
-    EXPECT_STREQ(folder, L"");
-    EXPECT_FALSE(MkOMKStorageSubFolder(folder, OMK_PATH_CHARS, nullptr, L"Data"));
 }
 
 // CDef recomputed for a test collector install and a test ProgramData.
@@ -229,48 +176,53 @@ protected:
     omktest::ScopedRegKey key_;
 };
 
-TEST_F(CDefTest, ComputesEveryFolderUnderTheProductDataFolder) {
-    ScopedEnv env(L"ProgramData", programData_.Path());
-    CDef::ResetForTest();
-    const CDef& def = CDef::GetInstance();
-    const std::wstring product = programData_.File(L"Varn\\Orlemark");
-    const std::wstring install = def.FOLDER_OMK_INSTALL_LOCATION;
-
-    EXPECT_EQ(std::wstring(def.FOLDER_PROGRAMDATA), programData_.Path());
-    EXPECT_EQ(Lower(install), Lower(install_.Path()));
-    EXPECT_EQ(std::wstring(def.FOLDER_OMK_PROGRAMDATA), product);
-    EXPECT_EQ(std::wstring(def.FOLDER_OMK_STORAGE_LOCATION), product);
-    ExpectProductDacl(product);
-    EXPECT_EQ(std::wstring(def.FOLDER_OMK_ARCHIVE), product + L"\\Archive");
-    EXPECT_EQ(std::wstring(def.FOLDER_OMK_DATABASE), product + L"\\Data");
-    EXPECT_EQ(std::wstring(def.FOLDER_OMK_LOG), product + L"\\Log");
-    for (const wchar_t* folder : {def.FOLDER_OMK_ARCHIVE, def.FOLDER_OMK_DATABASE, def.FOLDER_OMK_LOG}) {
-        EXPECT_TRUE(IsDirectory(folder)) << omktest::ToUtf8(folder);
-    }
-    for (const wchar_t* folder : {def.FOLDER_OMK_SUMMARY, def.FOLDER_OMK_ALERT, def.FOLDER_OMK_MINIDUMP}) {
-        EXPECT_STREQ(folder, def.FOLDER_OMK_ARCHIVE);
-    }
-    EXPECT_EQ(&def.FOLDER_OMK_CRASHDUMP[0], &def.FOLDER_OMK_MINIDUMP[0]);
-    EXPECT_EQ(std::wstring(def.FOLDER_RUVO_FAIL_SAFE_LOG), product + L"\\Log\\ruvo");
-    EXPECT_FALSE(omktest::FileExists(def.FOLDER_RUVO_FAIL_SAFE_LOG));
-    EXPECT_EQ(std::wstring(def.FILE_OMK_EVENT_RULE_PLUGIN), install + L"\\omkEventRules.dll");
-    EXPECT_EQ(std::wstring(def.FILE_OMK_COLLECT_ACTION_PLUGIN), install + L"\\omkCollectAction.dll");
-}
-
-TEST_F(CDefTest, StoresInTheInstallFolderWhenTheProductDataFolderCannotBeMade) {
+TEST_F(CDefTest, EveryFolderIsInTheProductDataFolderElseTheInstallFolderForTheLibrariesToo) {
+    PACL dacl = nullptr;
+    ASSERT_EQ(MakeOMKProgramDataDacl(&dacl), 0u);
+    EXPECT_EQ(Entries(L"", dacl), kProductEntries);
+    LocalFree(dacl);
+    // A product folder made new, one that exists with Everyone in full control, and none that can be made.
+    omktest::TempFolder existing;
     const std::wstring blocker = programData_.File(L"blocker");  // a file: nothing can be made under it
     ASSERT_TRUE(omktest::WriteFileBytes(blocker, "x"));
-    ScopedEnv env(L"ProgramData", blocker);
-    CDef::ResetForTest();
-    const CDef& def = CDef::GetInstance();
-    const std::wstring install = def.FOLDER_OMK_INSTALL_LOCATION;
+    ASSERT_EQ(0u, CFileHelper::MakeDirectory(existing.File(L"Varn\\Orlemark").c_str(), nullptr));
+    SetDacl(existing.File(L"Varn\\Orlemark"), L"D:P(A;OICI;FA;;;WD)");
+    ASSERT_NE(Entries(existing.File(L"Varn\\Orlemark"))[L"S-1-1-0"] & kWriteRights, 0u);
+    for (const std::wstring& programData : {programData_.Path(), existing.Path(), blocker}) {
+        ScopedEnv env(L"ProgramData", programData);
+        CDef::ResetForTest();
+        const CDef& def = CDef::GetInstance();
+        const std::wstring install = def.FOLDER_OMK_INSTALL_LOCATION;
+        const std::wstring product = programData + L"\\Varn\\Orlemark";
+        const std::wstring storage = programData == blocker ? install : product;
+        EXPECT_EQ(programData, def.FOLDER_PROGRAMDATA);
+        EXPECT_EQ(Lower(install_.Path()), Lower(install));
+        EXPECT_EQ(product, def.FOLDER_OMK_PROGRAMDATA);
+        EXPECT_EQ(storage, def.FOLDER_OMK_STORAGE_LOCATION);
+        if (storage == product) ExpectProductDacl(product);
+        const struct {
+            const wchar_t* member;
+            const wchar_t* sub;
+        } members[] = {{def.FOLDER_OMK_ARCHIVE, L"\\Archive"}, {def.FOLDER_OMK_DATABASE, L"\\Data"},
+                       {def.FOLDER_OMK_LOG, L"\\Log"},         {def.FOLDER_OMK_SUMMARY, L"\\Archive"},
+                       {def.FOLDER_OMK_ALERT, L"\\Archive"},   {def.FOLDER_OMK_MINIDUMP, L"\\Archive"}};
+        for (const auto& m : members) {
+            EXPECT_EQ(storage + m.sub, m.member);
+            EXPECT_TRUE(IsDirectory(m.member)) << omktest::ToUtf8(m.member);
+        }
+        EXPECT_EQ(&def.FOLDER_OMK_CRASHDUMP[0], &def.FOLDER_OMK_MINIDUMP[0]);
+        EXPECT_EQ(storage + L"\\Log\\ruvo", def.FOLDER_RUVO_FAIL_SAFE_LOG);
+        EXPECT_FALSE(omktest::FileExists(def.FOLDER_RUVO_FAIL_SAFE_LOG));
+        EXPECT_EQ(install + L"\\omkEventRules.dll", def.FILE_OMK_EVENT_RULE_PLUGIN);
+        EXPECT_EQ(install + L"\\omkCollectAction.dll", def.FILE_OMK_COLLECT_ACTION_PLUGIN);
 
-    EXPECT_EQ(Lower(install), Lower(install_.Path()));
-    EXPECT_EQ(std::wstring(def.FOLDER_OMK_PROGRAMDATA), blocker + L"\\Varn\\Orlemark");
-    EXPECT_EQ(std::wstring(def.FOLDER_OMK_STORAGE_LOCATION), install);
-    EXPECT_EQ(std::wstring(def.FOLDER_OMK_ARCHIVE), install + L"\\Archive");
-    EXPECT_EQ(std::wstring(def.FOLDER_OMK_LOG), install + L"\\Log");
-    EXPECT_TRUE(IsDirectory(def.FOLDER_OMK_LOG));
+        // A process of the product started in the same environment: its error
+        // log and its alert database follow the same rule.
+        EXPECT_EQ(0u, omktest::RunProcess(L"\"" + omktest::ProgramFolder() + L"\\alertDbClient.exe\" store 7"));
+        EXPECT_NE(std::string::npos,
+                  omktest::ReadFileBytes(std::wstring(def.FOLDER_OMK_LOG) + L"\\alertDbClient.txt").find("stored 7"));
+        EXPECT_TRUE(omktest::FileExists(std::wstring(def.FOLDER_OMK_DATABASE) + L"\\omkAlerts.db"));
+    }
 }
 
 }  // namespace
