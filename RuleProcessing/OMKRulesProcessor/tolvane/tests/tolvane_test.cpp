@@ -248,7 +248,12 @@ TEST_F(Engine, PeriodicDataReachesThePluginThroughTheRule) {
     EXPECT_EQ("72623859790382856", triggered.Get("workItem.timeStamp"));
     EXPECT_EQ("3", triggered.Get("workItem.dataLen"));
     EXPECT_EQ("01abff", triggered.Get("workItem.data"));
-    EXPECT_EQ('{', triggered.Get("rule.alertGuid")[0]);
+    std::string alertGuid = triggered.Get("rule.alertGuid");
+    GUID parsed;
+    ASSERT_EQ(S_OK, CLSIDFromString(omktest::FromUtf8(alertGuid).c_str(), &parsed)) << alertGuid;
+    wchar_t text[39];
+    ASSERT_EQ(39, StringFromGUID2(parsed, text, 39));
+    EXPECT_EQ(omktest::ToUtf8(text), alertGuid) << "the text form StringFromGUID2 gives";
     EXPECT_EQ(0u, triggered.Get("rule.alertFileName").find(omktest::ToUtf8(g_serviceTag) + "-ZORA_Alerts_"));
 }
 
