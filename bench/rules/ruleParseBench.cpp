@@ -104,6 +104,22 @@ void ReadAttribute(IXMLDOMNodeList* list) {
     node->Release();
 }
 
+// Loads the outer XML of each node `xpath` selects in `doc` into `into`, in
+// turn, and reads each with `read`.
+template <typename Read>
+void ForEachLoaded(IXMLDOMDocument* doc, const wchar_t* xpath, IXMLDOMDocument* into, Read read) {
+    IXMLDOMNodeList* list = Select(doc, xpath);
+    long count = 0;
+    list->get_length(&count);
+    for (long i = 0; i < count; ++i) {
+        BSTR xml = OuterXml(list, i);
+        Load(into, xml);
+        SysFreeString(xml);
+        read();
+    }
+    list->Release();
+}
+
 double FloorMs(const std::wstring& text) {
     double start = omkbench::NowMs();
     IXMLDOMDocument* file = LoadXML(text.c_str());
@@ -112,13 +128,7 @@ double FloorMs(const std::wstring& text) {
     // Made once through the layer, loaded directly from here on.
     if (file == nullptr || ReloadXML(&rule, L"<a/>") == nullptr || ReloadXML(&action, L"<a/>") == nullptr)
         Fail("floor documents");
-    IXMLDOMNodeList* rules = Select(file, L"/Tolvane/Rule");
-    long numRules = 0;
-    rules->get_length(&numRules);
-    for (long i = 0; i < numRules; ++i) {
-        BSTR ruleXml = OuterXml(rules, i);
-        Load(rule, ruleXml);
-        SysFreeString(ruleXml);
+    ForEachLoaded(file, L"/Tolvane/Rule", rule, [rule, action] {
         IXMLDOMNodeList* root = Select(rule, L"/Rule");
         ReadAttribute(root);
         root->Release();
@@ -131,20 +141,12 @@ double FloorMs(const std::wstring& text) {
             node->Release();
             list->Release();
         }
-        IXMLDOMNodeList* actions = Select(rule, L"/Rule/Action");
-        long numActions = 0;
-        actions->get_length(&numActions);
-        for (long j = 0; j < numActions; ++j) {
-            BSTR actionXml = OuterXml(actions, j);
-            Load(action, actionXml);
-            SysFreeString(actionXml);
+        ForEachLoaded(rule, L"/Rule/Action", action, [action] {
             IXMLDOMNodeList* list = Select(action, L"/Action");
             ReadAttribute(list);
             list->Release();
-        }
-        actions->Release();
-    }
-    rules->Release();
+        });
+    });
     ReleaseXML(action);
     ReleaseXML(rule);
     ReleaseXML(file);
