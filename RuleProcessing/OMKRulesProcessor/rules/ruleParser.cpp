@@ -51,9 +51,87 @@ int DecimalValue(const wchar_t* text) {
 
 // Releases a document made by LoadXML and leaves the apartment it entered.
 void CloseDocument(IXMLDOMDocument* doc) {
-    if (doc != nullptr) doc->Release();
+    ReleaseXML(doc);
     CoUninitialize();
 }
+
+// The rule GUIDs of the table while a file is parsed, so that checking a new
+// GUID against every earlier one does not make a large file quadratic. Open
+// addressing over one counted block, at most half full.
+struct GuidIndex {
+    RULE** slots = nullptr;
+    size_t mask = 0;
+
+    // The same for any two GUIDs that compare equal ignoring case: only the
+    // digits, which no case mapping changes, and the positions of the rest.
+    static size_t Hash(const wchar_t* guid) {
+        unsigned long long hash = 14695981039346656037ull;
+        for (; *guid != L'\0'; ++guid) {
+            wchar_t c = *guid >= L'0' && *guid <= L'9' ? *guid : L'*';
+            hash = (hash ^ static_cast<unsigned long long>(c)) * 1099511628211ull;
+        }
+        return static_cast<size_t>(hash);
+    }
+
+    // Room for `rules` GUIDs; without it the check compares with every rule.
+    void Open(unsigned int rules) {
+        size_t size = 16;
+        while (size < 2 * static_cast<size_t>(rules)) size *= 2;
+        slots = static_cast<RULE**>(calloc(size, sizeof(RULE*)));
+        if (slots == nullptr) return;
+        ++g_allocCount;
+        mask = size - 1;
+    }
+
+    void Close() {
+        if (slots == nullptr) return;
+        free(slots);
+        --g_allocCount;
+        slots = nullptr;
+    }
+
+    void Add(RULE* rule) {
+        if (slots == nullptr) return;
+        size_t at = Hash(rule->ruleGuid) & mask;
+        while (slots[at] != nullptr) at = (at + 1) & mask;
+        slots[at] = rule;
+    }
+
+    RULE* Find(const wchar_t* guid) const {
+        for (size_t at = Hash(guid) & mask; slots[at] != nullptr; at = (at + 1) & mask) {
+            if (_wcsicmp(slots[at]->ruleGuid, guid) == 0) return slots[at];
+        }
+        return nullptr;
+    }
+};
+
+GuidIndex g_guidIndex;
+
+// The documents of the rules and of the actions. Within a file parse one object
+// each is loaded again for every rule and action (creating a document object
+// costs far more than loading a rule into one) and released when the file is
+// done; outside it, each parse of a rule or action has its own.
+bool g_inFileParse = false;
+
+struct ReusedDocument {
+    IXMLDOMDocument* doc = nullptr;
+
+    // Like LoadXML; the document stays here for the next load.
+    IXMLDOMDocument* Load(const wchar_t* text) { return ReloadXML(&doc, text); }
+    // Ends one load: the document is kept within a file parse, else released.
+    // A failed load leaves its apartment entered, as LoadXML's caller does.
+    void Close(bool loaded) {
+        if (!g_inFileParse) Release();
+        if (loaded) CoUninitialize();
+    }
+    void Release() {
+        ReleaseXML(doc);
+        doc = nullptr;
+    }
+};
+
+ReusedDocument g_ruleDocument;
+ReusedDocument g_actionDocument;
 
 // One rule attribute, read as ParseRule reads them all: found with a value (maybe
 // null), or not found, which is logged here. A failure after an earlier value
@@ -172,13 +250,18 @@ int LoadRulePluginConfig(IXMLDOMDocument* doc) {
 }
 
 bool IsDuplicateRuleGuid(const wchar_t* guid) {
-    for (RULE* rule = g_rules; rule != nullptr; rule = rule->next) {
-        if (rule->ruleGuid != nullptr && _wcsicmp(rule->ruleGuid, guid) == 0) {
-            OMK_ReportError(0, L"IsDuplicateRuleGuid: Rule %ws is already using GUID %ws", rule->name, rule->ruleGuid);
-            return true;
+    // The table's GUIDs differ pairwise (ignoring case), so at most one matches.
+    RULE* other = nullptr;
+    if (g_guidIndex.slots != nullptr) {
+        other = g_guidIndex.Find(guid);
+    } else {
+        for (RULE* rule = g_rules; rule != nullptr && other == nullptr; rule = rule->next) {
+            if (rule->ruleGuid != nullptr && _wcsicmp(rule->ruleGuid, guid) == 0) other = rule;
         }
     }
-    return false;
+    if (other == nullptr) return false;
+    OMK_ReportError(0, L"IsDuplicateRuleGuid: Rule %ws is already using GUID %ws", other->name, other->ruleGuid);
+    return true;
 }
 
 void FreeRule(RULE* rule) {
@@ -221,17 +304,17 @@ RULE_ACTION* ParseRuleAction(int ruleIndex, int actionIndex, const wchar_t* acti
         OMK_ReportError(0, L"ParseRuleAction: rule %d action %d null xml", ruleIndex, actionIndex);
         return nullptr;
     }
-    IXMLDOMDocument* doc = LoadXML(actionXml);
+    IXMLDOMDocument* doc = g_actionDocument.Load(actionXml);
     if (doc == nullptr) {
-        // The apartment LoadXML entered is left as it is.
         OMK_ReportError(0, L"ParseRuleAction: unable to load XML for rule %d action %d %ws", ruleIndex, actionIndex,
                         actionXml);
+        g_actionDocument.Close(false);
         return nullptr;
     }
     RULE_ACTION* action = static_cast<RULE_ACTION*>(calloc(1, sizeof(RULE_ACTION)));
     if (action == nullptr) {
         OMK_ReportError(0, L"ParseRuleAction: Error mallocing mem for rule %d action %d", ruleIndex, actionIndex);
-        CloseDocument(doc);
+        g_actionDocument.Close(true);
         return nullptr;
     }
     ++g_allocCount;
@@ -259,7 +342,7 @@ RULE_ACTION* ParseRuleAction(int ruleIndex, int actionIndex, const wchar_t* acti
         ok = true;
     }
     SysFreeString(type);
-    CloseDocument(doc);
+    g_actionDocument.Close(true);
     if (ok) return action;
     FreeText(action->xml);
     FreeText(action->type);
@@ -416,16 +499,16 @@ bool FillRule(IXMLDOMDocument* doc, int i, RULE* rule) {
 
 RULE* ParseRule(int ruleIndex, const wchar_t* ruleXml) {
     if (ruleXml == nullptr) return nullptr;
-    IXMLDOMDocument* doc = LoadXML(ruleXml);
+    IXMLDOMDocument* doc = g_ruleDocument.Load(ruleXml);
     if (doc == nullptr) {
-        // The apartment LoadXML entered is left as it is.
         OMK_ReportError(0, L"ParseRule: unable to load XML for rule %d\n%ws", ruleIndex, ruleXml);
+        g_ruleDocument.Close(false);
         return nullptr;
     }
     RULE* rule = static_cast<RULE*>(calloc(1, sizeof(RULE)));
     if (rule == nullptr) {
         OMK_ReportError(0, L"ParseRule: Error mallocing mem for rule %d", ruleIndex);
-        CloseDocument(doc);
+        g_ruleDocument.Close(true);
         return nullptr;
     }
     ++g_allocCount;
@@ -440,7 +523,7 @@ RULE* ParseRule(int ruleIndex, const wchar_t* ruleXml) {
     } else {
         ok = FillRule(doc, ruleIndex, rule);
     }
-    CloseDocument(doc);
+    g_ruleDocument.Close(true);
     if (ok) return rule;
     FreeRule(rule);
     return nullptr;
@@ -480,6 +563,8 @@ DWORD ParseRuleDefinitions(const wchar_t* text) {
     }
 
     RULE** tail = &g_rules;  // rules are appended in document order
+    g_inFileParse = true;
+    if (status == RULES_OK) g_guidIndex.Open(numRuleElements);
     for (unsigned int i = 0; status == RULES_OK && i < numRuleElements; ++i) {
         BSTR ruleXml = nullptr;
         if (!ReadIthXmlTree(doc, kRulePath, i, &ruleXml)) {
@@ -494,7 +579,12 @@ DWORD ParseRuleDefinitions(const wchar_t* text) {
         *tail = rule;
         tail = &rule->next;
         ++g_numRules;
+        g_guidIndex.Add(rule);
     }
+    g_guidIndex.Close();
+    g_inFileParse = false;
+    g_ruleDocument.Release();
+    g_actionDocument.Release();
     if (status == RULES_OK && g_rules == nullptr) {
         OMK_ReportError(0, L"ParseRuleDefintions: No rules got added (numRules %d) !",
                         static_cast<int>(numRuleElements));

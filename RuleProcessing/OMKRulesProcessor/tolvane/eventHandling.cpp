@@ -14,6 +14,16 @@
 #include "strHelper.h"
 #include "xmlLog.h"
 
+#ifdef OMK_ENGINE_TEST_SEAMS
+DWORD g_handleEventsPauseMs = 1000;
+void(WINAPI* g_handleEventsClock)(SYSTEMTIME*) = GetSystemTime;
+#define OMK_PAUSE_BEFORE_EVENT_MS g_handleEventsPauseMs
+#define OMK_EVENT_CLOCK g_handleEventsClock
+#else
+#define OMK_PAUSE_BEFORE_EVENT_MS kPauseBeforeEventMs
+#define OMK_EVENT_CLOCK GetSystemTime
+#endif
+
 namespace {
 
 // Consecutive events must get alert file names (and database keys) at least a
@@ -27,11 +37,36 @@ bool ActionSucceeded(unsigned int result) { return result == 0 || result == kAct
 
 void NameAlertFile() {
     SYSTEMTIME now;
-    GetSystemTime(&now);
+    OMK_EVENT_CLOCK(&now);
     // A name too long for the buffer is cut rather than refused.
     _snwprintf(g_alertFileName, OMK_ALERT_FILE_NAME_CHARS - 1, L"%s%s_%02d%02d%04d%02d%02d%02d%s", g_serviceTag,
                L"-ZORA_Alerts", now.wMonth, now.wDay, now.wYear, now.wHour, now.wMinute, now.wSecond, L".xml");
     g_alertFileName[OMK_ALERT_FILE_NAME_CHARS - 1] = L'\0';
+}
+
+// The text form of `guid` exactly as StringFromGUID2 writes it (braces,
+// upper-case hex, 39 characters with the terminator, nothing after it
+// touched), into a buffer of at least that size. Written here because every
+// rule gets one for every event, and the call costs more than the GUID.
+void GuidText(const GUID& guid, wchar_t* text) {
+    static const wchar_t kHex[] = L"0123456789ABCDEF";
+    wchar_t* out = text;
+    auto hex = [&out](unsigned long value, int digits) {
+        for (int shift = 4 * (digits - 1); shift >= 0; shift -= 4) *out++ = kHex[(value >> shift) & 0xF];
+    };
+    *out++ = L'{';
+    hex(guid.Data1, 8);
+    *out++ = L'-';
+    hex(guid.Data2, 4);
+    *out++ = L'-';
+    hex(guid.Data3, 4);
+    *out++ = L'-';
+    for (int i = 0; i < 8; ++i) {
+        if (i == 2) *out++ = L'-';
+        hex(guid.Data4[i], 2);
+    }
+    *out++ = L'}';
+    *out = L'\0';
 }
 
 // InitRuleForAction: fresh run-time state of a rule for the event under handling.
@@ -43,9 +78,20 @@ void InitRuleForAction(RULE* rule) {
     if (FAILED(hr)) {
         OMK_ReportError(0, L"InitRuleForAction: Rule %ws CoCreateGuid failed 0x%x", rule->ruleGuid, hr);
         CStrHelper::StrCopy(rule->alertGuid, ARRAYSIZE(rule->alertGuid), L"-");
-    } else if (StringFromGUID2(guid, rule->alertGuid, ARRAYSIZE(rule->alertGuid)) == 0) {
-        OMK_ReportError(0, L"InitRuleForAction: Rule %ws StringFromGUID2 failed", rule->ruleGuid);
-        CStrHelper::StrCopy(rule->alertGuid, ARRAYSIZE(rule->alertGuid), L"-");
+    } else {
+        GuidText(guid, rule->alertGuid);
+    }
+}
+
+wchar_t AsciiLower(wchar_t c) { return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c + (L'a' - L'A')) : c; }
+
+// Equal ignoring case, as _wcsicmp finds it; two ASCII characters are decided
+// here (every rule is compared for every event), anything else by _wcsicmp.
+bool SameIgnoringCase(const wchar_t* a, const wchar_t* b) {
+    for (size_t i = 0;; ++i) {
+        if (a[i] >= 0x80 || b[i] >= 0x80) return _wcsicmp(a + i, b + i) == 0;
+        if (AsciiLower(a[i]) != AsciiLower(b[i])) return false;
+        if (a[i] == L'\0') return true;
     }
 }
 
@@ -53,7 +99,7 @@ bool ReportedByCollector(const RULE* rule, const WORK_ITEM* item) {
     const wchar_t* itemGuid = item->u.ruleTriggered.ruleGuid;
     const wchar_t* itemPlugin = item->u.ruleTriggered.rulePluginId;
     return rule->ruleGuid != nullptr && rule->type != nullptr && itemGuid != nullptr && itemPlugin != nullptr &&
-           _wcsicmp(rule->ruleGuid, itemGuid) == 0 && _wcsicmp(rule->type, itemPlugin) == 0;
+           SameIgnoringCase(rule->ruleGuid, itemGuid) && SameIgnoringCase(rule->type, itemPlugin);
 }
 
 // A rule without a plugin counts as fired, so that its actions still run.
@@ -79,12 +125,6 @@ void RunActionsOfFiredRules() {
 
 }  // namespace
 
-#ifdef OMK_ENGINE_TEST_SEAMS
-DWORD g_handleEventsPauseMs = kPauseBeforeEventMs;
-#define OMK_PAUSE_BEFORE_EVENT_MS g_handleEventsPauseMs
-#else
-#define OMK_PAUSE_BEFORE_EVENT_MS kPauseBeforeEventMs
-#endif
 
 void BeginRuleEvaluation() {
     // The count is read again after each call, as a plugin call may change the table.

@@ -23,6 +23,8 @@ void BeginRuleEvaluation();
 void EndRuleEvaluation();
 
 #ifdef OMK_ENGINE_TEST_SEAMS
-// Test builds only: the pause before each event (1000 ms in the service).
+// Test builds only: the pause before each event (1000 ms in the service) and
+// the clock that names its alert file (GetSystemTime in the service).
 extern DWORD g_handleEventsPauseMs;
+extern void(WINAPI* g_handleEventsClock)(SYSTEMTIME*);
 #endif

@@ -1,5 +1,6 @@
 #include "xmlAccess.h"
 
+#include <string.h>
 #include <wchar.h>
 
 #include "omkErrors.h"
@@ -24,16 +25,92 @@ BSTR NullIfEmpty(BSTR text) {
     return text;
 }
 
-// The nodes `xpath` selects in `doc`, or null with the failure logged in the
-// caller's own words (its two formats take the code and the path).
+// The last selection on one document, kept for the next call with the same
+// path. The slot holds a reference on the document, on the node list and on the
+// thread's apartment, so neither can go away (or be replaced by another object
+// at the same address) while the slot is in use.
+constexpr int kCachedDocuments = 4;
+constexpr size_t kCachedPathChars = 64;
+
+struct CachedSelection {
+    IXMLDOMDocument* doc;  // null: the slot is free
+    IXMLDOMNodeList* list;
+    unsigned long lastUse;
+    wchar_t path[kCachedPathChars];
+};
+
+// Per thread: a node list belongs to the apartment of the thread that selected it.
+thread_local CachedSelection t_selections[kCachedDocuments];
+thread_local unsigned long t_selectionUses;
+
+void Forget(CachedSelection& slot) {
+    if (slot.doc == nullptr) return;
+    slot.list->Release();
+    slot.doc->Release();
+    slot.doc = nullptr;
+    slot.list = nullptr;
+    CoUninitialize();
+}
+
+void ForgetDocument(IXMLDOMDocument* doc) {
+    for (CachedSelection& slot : t_selections) {
+        if (slot.doc == doc) Forget(slot);
+    }
+}
+
+IXMLDOMNodeList* CachedList(IXMLDOMDocument* doc, const wchar_t* xpath) {
+    for (CachedSelection& slot : t_selections) {
+        if (slot.doc == doc && wcscmp(slot.path, xpath) == 0) {
+            slot.lastUse = ++t_selectionUses;
+            slot.list->AddRef();
+            return slot.list;
+        }
+    }
+    return nullptr;
+}
+
+// The slot for a new selection on `doc`: its earlier one, a free slot, or the
+// least recently used.
+CachedSelection& SlotFor(IXMLDOMDocument* doc) {
+    for (CachedSelection& slot : t_selections) {
+        if (slot.doc == doc) return slot;
+    }
+    CachedSelection* oldest = &t_selections[0];
+    for (CachedSelection& slot : t_selections) {
+        if (slot.doc == nullptr) return slot;
+        if (slot.lastUse < oldest->lastUse) oldest = &slot;
+    }
+    return *oldest;
+}
+
+// Keeps `list` as the last selection of `xpath` on `doc`.
+void Remember(IXMLDOMDocument* doc, const wchar_t* xpath, IXMLDOMNodeList* list) {
+    size_t chars = wcslen(xpath) + 1;
+    if (chars > kCachedPathChars) return;
+    // A thread in another apartment model has no document of this layer to cache.
+    if (FAILED(CoInitializeEx(nullptr, COINIT_MULTITHREADED))) return;
+    CachedSelection& slot = SlotFor(doc);
+    Forget(slot);
+    doc->AddRef();
+    list->AddRef();
+    slot.doc = doc;
+    slot.list = list;
+    slot.lastUse = ++t_selectionUses;
+    memcpy(slot.path, xpath, chars * sizeof(wchar_t));
+}
+
+// The nodes `xpath` selects in `doc` (the cached list when the document was
+// not loaded again since), or null with the failure logged in the caller's own
+// words (its two formats take the code and the path).
 IXMLDOMNodeList* Select(IXMLDOMDocument* doc, const wchar_t* xpath, const wchar_t* allocFailedFormat,
                         const wchar_t* selectFailedFormat) {
+    IXMLDOMNodeList* list = CachedList(doc, xpath);
+    if (list != nullptr) return list;
     BSTR path = SysAllocString(xpath);
     if (path == nullptr) {
         OMK_ReportError(0, allocFailedFormat, GetLastError(), xpath);
         return nullptr;
     }
-    IXMLDOMNodeList* list = nullptr;
     HRESULT hr = doc->selectNodes(path, &list);
     SysFreeString(path);
     if (FAILED(hr) || list == nullptr) {
@@ -41,23 +118,29 @@ IXMLDOMNodeList* Select(IXMLDOMDocument* doc, const wchar_t* xpath, const wchar_
         if (list != nullptr) list->Release();
         return nullptr;
     }
+    Remember(doc, xpath, list);
     return list;
 }
 
 }  // namespace
 
-IXMLDOMDocument* LoadXML(const wchar_t* text) {
+IXMLDOMDocument* ReloadXML(IXMLDOMDocument** reusable, const wchar_t* text) {
     HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     if (FAILED(hr)) {
         OMK_ReportError(0, L"LoadXML: CoInitializeEx failed 0x%x", Hex(hr));
         return nullptr;
     }
-    IXMLDOMDocument* doc = nullptr;
-    hr = CoCreateInstance(kClsidDomDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
-                          reinterpret_cast<void**>(&doc));
-    if (FAILED(hr) || doc == nullptr) {
-        OMK_ReportError(0, L"LoadXML: CoCreateInstance failed 0x%x", Hex(hr));
-        return nullptr;
+    IXMLDOMDocument* doc = *reusable;
+    if (doc == nullptr) {
+        hr = CoCreateInstance(kClsidDomDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
+                              reinterpret_cast<void**>(&doc));
+        if (FAILED(hr) || doc == nullptr) {
+            OMK_ReportError(0, L"LoadXML: CoCreateInstance failed 0x%x", Hex(hr));
+            return nullptr;
+        }
+        *reusable = doc;
+    } else {
+        ForgetDocument(doc);  // its nodes are about to change
     }
     if (text == nullptr) text = L"";
     // A file read with its UTF-8 byte-order mark widened byte by byte.
@@ -66,7 +149,6 @@ IXMLDOMDocument* LoadXML(const wchar_t* text) {
     BSTR xml = SysAllocString(text);
     if (xml == nullptr) {
         OMK_ReportError(0, L"LoadXML: SysAllocString failed 0x%x\n%ws", GetLastError(), text);
-        doc->Release();
         return nullptr;
     }
     VARIANT_BOOL loaded = VARIANT_FALSE;
@@ -74,14 +156,22 @@ IXMLDOMDocument* LoadXML(const wchar_t* text) {
     SysFreeString(xml);
     if (FAILED(hr)) {
         OMK_ReportError(0, L"LoadXML: LoadXML failed 0x%x\n%ws", Hex(hr), text);
-        doc->Release();
         return nullptr;
     }
-    if (loaded != VARIANT_TRUE) {
-        doc->Release();
-        return nullptr;
-    }
-    return doc;
+    return loaded == VARIANT_TRUE ? doc : nullptr;
+}
+
+IXMLDOMDocument* LoadXML(const wchar_t* text) {
+    IXMLDOMDocument* doc = nullptr;
+    IXMLDOMDocument* loaded = ReloadXML(&doc, text);
+    if (loaded == nullptr && doc != nullptr) doc->Release();
+    return loaded;
+}
+
+void ReleaseXML(IXMLDOMDocument* doc) {
+    if (doc == nullptr) return;
+    ForgetDocument(doc);
+    doc->Release();
 }
 
 int GetNumInstancesInXml(IXMLDOMDocument* doc, const wchar_t* xpath, unsigned int* count) {

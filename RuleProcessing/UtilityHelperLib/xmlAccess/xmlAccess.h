@@ -2,7 +2,14 @@
 // make a document from wide text, count what an XPath selects, read the text of
 // the first selected element, the outer XML of the i-th one, and one attribute.
 // Every failure is logged with its HRESULT and the path; nothing throws.
-// Callers run on the start-up thread only.
+//
+// Each thread keeps the node list of the last selection on each of a few
+// documents, so that reading one node after the other of the same path (the
+// i-th rule of a file, each attribute of a rule) selects once. A cached list
+// holds a reference on its document (a released document cannot make room for
+// another at its address) and on the thread's apartment; documents are changed
+// only by loading them through this layer (ReloadXML), which forgets their
+// lists. ReleaseXML gives a document back and forgets its list.
 #pragma once
 
 #include <windows.h>
@@ -16,6 +23,17 @@
 // are skipped. Null when the text is no well-formed document (without a message:
 // the caller reports it) or on a COM failure (logged).
 IXMLDOMDocument* LoadXML(const wchar_t* text);
+
+// LoadXML into `*reusable` instead of a new document: the document made by an
+// earlier call is loaded again (null: a new one is made and stored there), which
+// spares the object's creation. Same apartment entry, messages and results as
+// LoadXML; on failure the document stays in `*reusable` for the next load. The
+// caller releases it once with ReleaseXML when done with every load.
+IXMLDOMDocument* ReloadXML(IXMLDOMDocument** reusable, const wchar_t* text);
+
+// Forgets the cached selection of `doc` and releases the caller's reference
+// (null is fine). The caller still owes CoUninitialize for each load.
+void ReleaseXML(IXMLDOMDocument* doc);
 
 // Counts the nodes `xpath` selects into `count`. 1 on success (a count of 0
 // included), 0 on failure with `count` 0.

@@ -216,6 +216,12 @@ TEST_F(Engine, PluginCallsOnSummaryAndPeriodicEvents) {
                                                           {"workItem.data", "01abff"}}) {
         EXPECT_EQ(field.second, periodic.Get(field.first)) << field.first;
     }
+    const std::string alertGuid = periodic.Get("rule.alertGuid");
+    GUID parsed;
+    ASSERT_EQ(S_OK, CLSIDFromString(omktest::FromUtf8(alertGuid).c_str(), &parsed)) << alertGuid;
+    wchar_t text[39];
+    ASSERT_EQ(39, StringFromGUID2(parsed, text, 39));
+    EXPECT_EQ(omktest::ToUtf8(text), alertGuid) << "the text form StringFromGUID2 gives";
     EXPECT_EQ(0u, periodic.Get("rule.alertFileName").find(omktest::ToUtf8(g_serviceTag) + "-ZORA_Alerts_"));
     EXPECT_TRUE(AlertFiles().empty()) << "the engine writes no alert for these events";
 }

@@ -1,7 +1,6 @@
 // XML access against the real MSXML DOM, messages read back from the error log.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,21 +10,17 @@
 
 namespace {
 
+using Strings = std::vector<std::string>;
+
 const wchar_t kSample[] =
     L"<Tolvane Version=\"2\">"
-    L"<Rule Enabled=\"1\" Platform=\"\" xmlns:p=\"urn:omk\" p:Scope=\"local\" enabled=\"0\"><Name>first</Name>"
+    L"<Rule xmlns:p=\"urn:omk\" p:Scope=\"local\"><Name>first</Name>"
     L"<Name>second</Name><Descr></Descr><Deep><In>in</In> tail</Deep></Rule>"
     L"<Rule Type=\"T2\"><Name>third</Name></Rule>"
     L"<Rule><Name>fourth</Name></Rule>"
     L"</Tolvane>";
 
-// Runs `body` on a thread of its own, so that its COM state starts clean.
-void OnFreshThread(const std::function<void()>& body) {
-    std::thread(body).join();
-}
-
-// Whether the calling thread still holds a COM initialisation: a fresh call
-// then reports S_FALSE instead of S_OK.
+// Whether the calling thread still holds a COM initialisation.
 bool ComStillInitialised() {
     HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     if (SUCCEEDED(hr)) CoUninitialize();
@@ -36,38 +31,48 @@ std::string U8(BSTR text) {
     return text == nullptr ? "<null>" : omktest::ToUtf8(text);
 }
 
-class XmlAccess : public ::testing::Test {
-protected:
-    void SetUp() override {
-        doc = LoadXML(kSample);
-        ASSERT_NE(nullptr, doc);
-        log.Mark();
+// The attribute of the i-th match as text, "<not found>" or "<null>".
+std::string Attribute(IXMLDOMDocument* doc, const wchar_t* xpath, unsigned int i, const wchar_t* name,
+                      const wchar_t* defaultValue = nullptr) {
+    BSTR value = reinterpret_cast<BSTR>(1);
+    if (ReadXmlElementAttribute(doc, xpath, i, name, defaultValue, &value) == XML_ATTRIBUTE_NOT_FOUND) {
+        EXPECT_EQ(nullptr, value);
+        return "<not found>";
     }
-    void TearDown() override {
-        if (doc != nullptr) doc->Release();
-        CoUninitialize();
-    }
-    // The attribute of the i-th match as text, "<not found>" or "<null>".
-    std::string Attribute(const wchar_t* xpath, unsigned int i, const wchar_t* name, const wchar_t* defaultValue) {
-        BSTR value = reinterpret_cast<BSTR>(1);
-        XML_ATTRIBUTE_RESULT result = ReadXmlElementAttribute(doc, xpath, i, name, defaultValue, &value);
-        if (result == XML_ATTRIBUTE_NOT_FOUND) {
-            EXPECT_EQ(nullptr, value);
-            return "<not found>";
-        }
-        std::string text = U8(value);
-        SysFreeString(value);
-        return text;
-    }
+    std::string text = U8(value);
+    SysFreeString(value);
+    return text;
+}
 
-    omktest::ErrorLog log{L"xmlAccess_test.log"};
-    IXMLDOMDocument* doc = nullptr;
-};
+// The outer XML of the i-th match, or "<none>".
+std::string Tree(IXMLDOMDocument* doc, const wchar_t* xpath, unsigned int i) {
+    BSTR xml = nullptr;
+    std::string text = ReadIthXmlTree(doc, xpath, i, &xml) ? U8(xml) : "<none>";
+    SysFreeString(xml);
+    return text;
+}
+
+// The same through a selection of its own, straight from the DOM.
+std::string FreshTree(IXMLDOMDocument* doc, const wchar_t* xpath, long i) {
+    BSTR path = SysAllocString(xpath);
+    IXMLDOMNodeList* list = nullptr;
+    EXPECT_EQ(S_OK, doc->selectNodes(path, &list));
+    SysFreeString(path);
+    IXMLDOMNode* node = nullptr;
+    list->get_item(i, &node);
+    list->Release();
+    BSTR xml = nullptr;
+    if (node != nullptr) node->get_xml(&xml);
+    if (node != nullptr) node->Release();
+    std::string text = node != nullptr ? U8(xml) : "<none>";
+    SysFreeString(xml);
+    return text;
+}
 
 // True when `text` loads; the document and the apartment are given back either way.
 bool Loads(const wchar_t* text) {
     IXMLDOMDocument* doc = LoadXML(text);
-    if (doc != nullptr) doc->Release();
+    ReleaseXML(doc);
     CoUninitialize();
     return doc != nullptr;
 }
@@ -82,129 +87,131 @@ TEST(LoadXml, OnlyAWholeWidenedByteOrderMarkIsSkippedAndBadTextIsSilentlyRefused
     }
     EXPECT_FALSE(Loads(nullptr));
     EXPECT_EQ("", log.Since()) << "the caller reports a refused text";
-}
 
-TEST(LoadXml, EveryLoadOwesExactlyOneUninitialise) {
-    OnFreshThread([] {
-        IXMLDOMDocument* doc = LoadXML(L"<a/>");
-        ASSERT_NE(nullptr, doc);
-        IXMLDOMDocument* second = LoadXML(L"<b/>");  // nested, as rule documents are inside the file's
-        ASSERT_NE(nullptr, second);
-        second->Release();
-        CoUninitialize();
-        doc->Release();
-        CoUninitialize();
-        EXPECT_FALSE(ComStillInitialised());
-
-        // A failed parse still entered the apartment.
+    std::thread([] {  // a thread of its own, so that its COM state starts clean
         EXPECT_EQ(nullptr, LoadXML(L"<a>"));
-        EXPECT_TRUE(ComStillInitialised());
+        EXPECT_TRUE(ComStillInitialised()) << "a failed parse still entered the apartment";
         CoUninitialize();
         EXPECT_FALSE(ComStillInitialised());
-    });
-}
-
-TEST(LoadXml, SingleThreadedApartmentRefusesTheLoadWithAMessage) {
-    omktest::ErrorLog log(L"xmlAccess_test.log");
-    OnFreshThread([] {
         ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED));
         EXPECT_EQ(nullptr, LoadXML(L"<a/>"));
         CoUninitialize();
-    });
-    EXPECT_EQ(std::vector<std::string>{"LoadXML: CoInitializeEx failed 0x80010106"}, log.Messages());
+    }).join();
+    EXPECT_EQ(Strings{"LoadXML: CoInitializeEx failed 0x80010106"}, log.Messages());
 }
+
+// Whatever happened to documents between calls, a cached selection reads what
+// a fresh one would: the same object loaded again with other text, a document
+// released without ReleaseXML and another made (likely at its address), more
+// documents than the cache keeps, read in turn. No apartment entry is left over.
+TEST(SelectionReuse, ReadsWhatAFreshSelectionReadsWhateverChangedBetweenCalls) {
+    std::thread([] {
+        auto text = [](int k) {
+            std::wstring xml = L"<Tolvane V=\"" + std::to_wstring(k) + L"\">";
+            for (int i = 0; i <= k % 3; ++i) xml += L"<Rule Type=\"" + std::to_wstring(k) + L"." + std::to_wstring(i) + L"\"/>";
+            return xml + L"</Tolvane>";
+        };
+        // Each document's cached path is the one its next check starts with.
+        auto expectFresh = [](IXMLDOMDocument* doc) {
+            for (const wchar_t* xpath : {L"/Tolvane/Rule", L"/Tolvane", L"/Tolvane/Rule"}) {
+                unsigned int found = 0, count = 99;
+                for (unsigned int i = 0; i < 3; ++i) {
+                    std::string fresh = FreshTree(doc, xpath, static_cast<long>(i));
+                    EXPECT_EQ(fresh, Tree(doc, xpath, i)) << omktest::ToUtf8(xpath) << " " << i;
+                    found += fresh != "<none>";
+                    std::string type = Attribute(doc, xpath, i, L"Type");
+                    EXPECT_EQ(fresh.find("<Rule ") == 0, fresh.find("Type=\"" + type + "\"") != std::string::npos);
+                }
+                EXPECT_EQ(1, GetNumInstancesInXml(doc, xpath, &count));
+                EXPECT_EQ(found, count);
+            }
+        };
+        IXMLDOMDocument* reused = nullptr;
+        std::vector<IXMLDOMDocument*> held;
+        IXMLDOMDocument* outer = LoadXML(L"<Tolvane/>");  // as the rule file's around its rules
+        for (int k = 0; k < 6; ++k) {
+            EXPECT_EQ(nullptr, ReloadXML(&reused, L"<b>"));
+            CoUninitialize();
+            ASSERT_NE(nullptr, ReloadXML(&reused, text(k).c_str()));
+            expectFresh(reused);
+            IXMLDOMDocument* doc = LoadXML(text(k + 10).c_str());
+            expectFresh(doc);
+            doc->Release();
+            CoUninitialize();
+            held.push_back(LoadXML(text(k + 20).c_str()));
+            for (IXMLDOMDocument* other : held) expectFresh(other);
+            expectFresh(reused);
+            CoUninitialize();
+        }
+        for (IXMLDOMDocument* other : held) {
+            ReleaseXML(other);
+            CoUninitialize();
+        }
+        ReleaseXML(reused);
+        ReleaseXML(outer);
+        CoUninitialize();
+        EXPECT_FALSE(ComStillInitialised());
+    }).join();
+}
+
+class XmlAccess : public ::testing::Test {
+protected:
+    void SetUp() override {
+        doc = LoadXML(kSample);
+        ASSERT_NE(nullptr, doc);
+        log.Mark();
+    }
+    void TearDown() override {
+        ReleaseXML(doc);
+        CoUninitialize();
+    }
+
+    omktest::ErrorLog log{L"xmlAccess_test.log"};
+    IXMLDOMDocument* doc = nullptr;
+};
 
 // Paths that are not valid XPath are left out: Wine's MSXML can crash compiling
-// them, and the parser only ever selects fixed, valid paths.
-TEST_F(XmlAccess, CountsSelectedNodes) {
+// them, and the parser only ever selects fixed, valid paths. (The parser's tests
+// read attributes of every kind: exact names, defaults, empty values.)
+TEST_F(XmlAccess, CountsTextsTreesAndAttributesComeFromTheSelection) {
+    const struct {
+        const wchar_t* xpath;
+        unsigned int count;
+        const char* text;  // of the first match, whatever index is asked for
+    } cases[] = {
+        {L"/Tolvane/Rule", 3, "firstsecondin tail"}, {L"/Tolvane/Rule/Name", 4, "first"},
+        {L"/Tolvane/Rule/Deep", 1, "in tail"},       {L"/Tolvane/Rule/Descr", 1, "<null>"},
+        {L"/Rule", 0, "<read failed>"},
+    };
+    for (const auto& c : cases) {
+        unsigned int count = 99, elementCount = 99;
+        EXPECT_EQ(1, GetNumInstancesInXml(doc, c.xpath, &count));
+        BSTR text = nullptr;
+        std::string read = ReadXmlElement(doc, c.xpath, 2, &elementCount, &text) ? U8(text) : "<read failed>";
+        SysFreeString(text);
+        EXPECT_EQ(c.text, read) << omktest::ToUtf8(c.xpath);
+        EXPECT_EQ(c.count, count);
+        EXPECT_EQ(c.count, elementCount);
+    }
+    std::string outer = Tree(doc, L"/Tolvane/Rule", 1);
+    EXPECT_EQ(0u, outer.find("<Rule Type=\"T2\">")) << outer;
+    EXPECT_NE(std::string::npos, outer.find("<Name>third</Name>")) << "the whole element: " << outer;
+    EXPECT_EQ("local", Attribute(doc, L"/Tolvane/Rule", 0, L"Scope")) << "the local name, prefix ignored";
+    EXPECT_EQ("<not found>", Attribute(doc, L"/Tolvane/Rule", 0, L"p:Scope"));
+    EXPECT_EQ("2", Attribute(doc, L"/Tolvane", 0, L"Version"));
     unsigned int count = 99;
-    EXPECT_EQ(1, GetNumInstancesInXml(doc, L"/Tolvane/Rule", &count));
-    EXPECT_EQ(3u, count);
-    EXPECT_EQ(1, GetNumInstancesInXml(doc, L"/Tolvane/MaxAlertFiles", &count));
-    EXPECT_EQ(0u, count);
-    EXPECT_EQ(1, GetNumInstancesInXml(doc, L"/Rule", &count)) << "absolute paths start at the root";
-    EXPECT_EQ(0u, count);
-    EXPECT_EQ("", log.Since());
-
-    count = 99;
+    BSTR text = nullptr;
+    EXPECT_EQ(0, ReadXmlElement(nullptr, L"/Tolvane/Rule/Name", 0, &count, &text));
+    EXPECT_EQ("<none>", Tree(nullptr, L"/Tolvane/Rule", 0));
+    EXPECT_EQ("<not found>", Attribute(doc, L"/Tolvane/Rule", 3, L"Type", L"x")) << "one past the end";
+    EXPECT_EQ("", log.Since()) << "nothing selected, no document and one past the end are silent";
+    EXPECT_EQ("<none>", Tree(doc, L"/Tolvane/Rule", 3));
+    EXPECT_EQ("<not found>", Attribute(doc, L"/Tolvane/Rule", 5, L"Type", L"x"));
     EXPECT_EQ(0, GetNumInstancesInXml(nullptr, L"/Tolvane/Rule", &count));
     EXPECT_EQ(0u, count);
-    EXPECT_EQ(std::vector<std::string>{"GetNumInstancesInXml: doc is null\n/Tolvane/Rule"}, log.Messages());
-}
-
-TEST_F(XmlAccess, ElementTextComesFromTheFirstMatchWhateverTheIndex) {
-    unsigned int count = 0;
-    BSTR text = nullptr;
-    ASSERT_EQ(1, ReadXmlElement(doc, L"/Tolvane/Rule/Name", 2, &count, &text));
-    EXPECT_EQ("first", U8(text));
-    EXPECT_EQ(4u, count);
-    SysFreeString(text);
-
-    ASSERT_EQ(1, ReadXmlElement(doc, L"/Tolvane/Rule/Deep", 0, &count, &text));
-    EXPECT_EQ("in tail", U8(text)) << "the text of the element and its descendants";
-    SysFreeString(text);
-
-    ASSERT_EQ(1, ReadXmlElement(doc, L"/Tolvane/Rule/Descr", 0, &count, &text));
-    EXPECT_EQ(nullptr, text) << "an empty element has no text";
-    EXPECT_EQ(1u, count);
-
-    count = 99;
-    EXPECT_EQ(0, ReadXmlElement(doc, L"/Tolvane/Rule/AlertMsg", 0, &count, &text));
-    EXPECT_EQ(0u, count);
-    EXPECT_EQ(0, ReadXmlElement(nullptr, L"/Tolvane/Rule/Name", 0, &count, &text));
-    EXPECT_EQ(nullptr, text);
-    EXPECT_EQ("", log.Since()) << "nothing selected and no document are silent";
-}
-
-TEST_F(XmlAccess, IthTreeIsTheWholeElementAndReloadsAsItsOwnDocument) {
-    BSTR xml = nullptr;
-    ASSERT_EQ(1, ReadIthXmlTree(doc, L"/Tolvane/Rule", 1, &xml));
-    IXMLDOMDocument* rule = LoadXML(xml);
-    SysFreeString(xml);
-    ASSERT_NE(nullptr, rule);
-    BSTR value = nullptr;
-    EXPECT_EQ(XML_ATTRIBUTE_FOUND, ReadXmlElementAttribute(rule, L"/Rule", 0, L"Type", nullptr, &value));
-    EXPECT_EQ("T2", U8(value));
-    SysFreeString(value);
-    unsigned int count = 0;
-    ASSERT_EQ(1, ReadXmlElement(rule, L"/Rule/Name", 0, &count, &value));
-    EXPECT_EQ("third", U8(value));
-    SysFreeString(value);
-    rule->Release();
-    CoUninitialize();
-
-    ASSERT_EQ(1, ReadIthXmlTree(doc, L"/Tolvane/Rule", 0, &xml));
-    std::string outer = U8(xml);
-    SysFreeString(xml);
-    EXPECT_EQ(0u, outer.find("<Rule ")) << outer;
-    EXPECT_NE(std::string::npos, outer.find("<Name>second</Name>")) << outer;
-    EXPECT_EQ("", log.Since());
-
-    EXPECT_EQ(0, ReadIthXmlTree(doc, L"/Tolvane/Rule", 3, &xml));
-    EXPECT_EQ(0, ReadIthXmlTree(nullptr, L"/Tolvane/Rule", 0, &xml));
-    EXPECT_EQ(nullptr, xml);
-    EXPECT_EQ(
-        std::vector<std::string>{"ReadIthXmlTree: nodelist->get_item (3) succ 0x1 but node ptr NULL\n/Tolvane/Rule"},
-        log.Messages());
-}
-
-TEST_F(XmlAccess, AttributesMatchTheLocalNameExactlyAndFallBackToTheDefault) {
-    EXPECT_EQ("1", Attribute(L"/Tolvane/Rule", 0, L"Enabled", L"0")) << "not the lower-case one";
-    EXPECT_EQ("0", Attribute(L"/Tolvane/Rule", 0, L"enabled", nullptr));
-    EXPECT_EQ("local", Attribute(L"/Tolvane/Rule", 0, L"Scope", nullptr)) << "prefix ignored";
-    EXPECT_EQ("<not found>", Attribute(L"/Tolvane/Rule", 0, L"p:Scope", nullptr));
-    EXPECT_EQ("<null>", Attribute(L"/Tolvane/Rule", 0, L"Platform", L"All")) << "empty is null, not the default";
-    EXPECT_EQ("All", Attribute(L"/Tolvane/Rule", 0, L"platform", L"All"));
-    EXPECT_EQ("<not found>", Attribute(L"/Tolvane/Rule", 0, L"Type", nullptr));
-    EXPECT_EQ("T2", Attribute(L"/Tolvane/Rule", 1, L"Type", nullptr));
-    EXPECT_EQ("<not found>", Attribute(L"/Tolvane/Rule", 2, L"Enabled", L"1")) << "no attributes: no default";
-    EXPECT_EQ("2", Attribute(L"/Tolvane", 0, L"Version", nullptr));
-    EXPECT_EQ("<not found>", Attribute(L"/Tolvane/Rule", 3, L"Type", L"x")) << "one past the end is silent";
-    EXPECT_EQ("", log.Since());
-
-    EXPECT_EQ("<not found>", Attribute(L"/Tolvane/Rule", 5, L"Type", L"x"));
-    EXPECT_EQ(std::vector<std::string>{"ReadXmlElementAttribute: cannot find instance 5 (only 3 instances exist): "
-                                       "/Tolvane/Rule"},
+    EXPECT_EQ((Strings{"ReadIthXmlTree: nodelist->get_item (3) succ 0x1 but node ptr NULL\n/Tolvane/Rule",
+                       "ReadXmlElementAttribute: cannot find instance 5 (only 3 instances exist): /Tolvane/Rule",
+                       "GetNumInstancesInXml: doc is null\n/Tolvane/Rule"}),
               log.Messages());
 }
 
