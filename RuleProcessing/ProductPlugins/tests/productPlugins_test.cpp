@@ -1,0 +1,261 @@
+// The shipped plugins loaded into this process, on good and bad configuration
+// and records; then the installed service with the sample rule file, the
+// out-of-tree SDK example and a configured action log, for what a user sees.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "installedService.h"
+#include "omkPluginSdk.h"
+#include "testPlugins.h"
+#include "testSupport.h"
+
+namespace {
+
+const unsigned int kBadConfiguration = ERROR_BAD_CONFIGURATION;
+
+std::wstring InFolder(unsigned int folder, const std::wstring& name) {
+    wchar_t path[MAX_PATH];
+    OmkSdk_GetFolder(folder, path, MAX_PATH);
+    return std::wstring(path) + L"\\" + name;
+}
+
+class Plugins : public ::testing::Test {
+protected:
+    void SetUp() override {
+        rules_ = LoadLibraryW((omktest::ProgramFolder() + L"\\omkCollectorRules.dll").c_str());
+        actions_ = LoadLibraryW((omktest::ProgramFolder() + L"\\omkActionLog.dll").c_str());
+        ASSERT_TRUE(rules_ != nullptr && actions_ != nullptr) << GetLastError();
+        ruleInit_ = reinterpret_cast<PFN_Rule_Initialize>(GetProcAddress(rules_, "Rule_Initialize"));
+        triggered_ = reinterpret_cast<PFN_Rule_Triggered>(GetProcAddress(rules_, "Rule_Triggered"));
+        actionInit_ = reinterpret_cast<PFN_Action_Initialize>(GetProcAddress(actions_, "Action_Initialize"));
+        execute_ = reinterpret_cast<PFN_Action_Execute>(GetProcAddress(actions_, "Action_Execute"));
+        // The record ends where an inaccessible page begins: reading past it faults.
+        page_ = static_cast<BYTE*>(VirtualAlloc(nullptr, 8192, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+        DWORD old = 0;
+        VirtualProtect(page_ + 4096, 4096, PAGE_NOACCESS, &old);
+        BYTE* data = page_ + 4096 - 4;
+        memcpy(data, "\x5A\x01\x64\x00", 4);
+        item_ = WORK_ITEM{WORK_PERIODIC_DATA, nullptr, {}};
+        item_.u.periodicData = {4097, 2, 133000000000000000ull, 4, data, {}};
+        rule_.workItem = &item_;
+        rule_.name = const_cast<wchar_t*>(L"Thermal");
+        rule_.type = rule_.ruleGuid = rule_.alertMsg = const_cast<wchar_t*>(L"x");
+        wcscpy(rule_.alertGuid, L"{A}");
+        rule_.onPeriodicData = 1;
+        wcscpy(rule_.alertFileName, L"PLUGTEST-ZORA_Alerts_1.xml");
+    }
+    void TearDown() override {
+        DeleteFileW(InFolder(OMK_FOLDER_ALERT, rule_.alertFileName).c_str());
+        VirtualFree(page_, 0, MEM_RELEASE);
+        FreeLibrary(rules_);
+        FreeLibrary(actions_);
+    }
+    unsigned int Evaluate(const std::wstring& xml) {
+        rule_.xml = const_cast<wchar_t*>(xml.c_str());
+        return triggered_(&rule_);
+    }
+    std::string Alert() const { return omktest::ReadFileBytes(InFolder(OMK_FOLDER_ALERT, rule_.alertFileName)); }
+
+    omktest::ErrorLog log_{L"productPlugins_test.txt"};
+    HMODULE rules_ = nullptr, actions_ = nullptr;
+    PFN_Rule_Initialize ruleInit_ = nullptr;
+    PFN_Rule_Triggered triggered_ = nullptr;
+    PFN_Action_Initialize actionInit_ = nullptr;
+    PFN_Action_Execute execute_ = nullptr;
+    BYTE* page_ = nullptr;
+    WORK_ITEM item_ = {};
+    RULE rule_ = {};
+};
+
+// Every bad block is reported, the service still starts (0), and the plugin
+// then refuses its work with the configuration error.
+TEST_F(Plugins, BadConfigurationBlocksAreReportedAndDisableOnlyThatPlugin) {
+    const struct {
+        bool action;
+        const wchar_t* xml;
+        const char* message;
+    } cases[] = {
+        {false, nullptr, "Rule_Initialize: the rule file has no <RuleConfig Type=\"OMKCollectorRules\"> block"},
+        {false, L"<RuleConfig Type=\"OMKCollectorRules\"/>", "<RuleConfig> has no <Source>"},
+        {false, L"<RuleConfig><Source></Source></RuleConfig>", "<Source> must be a non-empty text"},
+        {false, L"<RuleConfig><Source>a&amp;b</Source></RuleConfig>", "<Source> must be a non-empty text"},
+        {false, L"<RuleConfig><Source>collector</RuleConfig>", "<RuleConfig> is not well-formed XML"},
+        {false, L"<RuleConfig><Source>c</Source><MaxDataBytes>99999999999999999999</MaxDataBytes></RuleConfig>",
+         "<MaxDataBytes> is not a number from 0 to 256"},
+        {true, nullptr, "Action_Initialize: the rule file has no <ActionConfig Type=\"OMKActionLog\"> block"},
+        {true, L"<ActionConfig Type=\"OMKActionLog\"/>", "<ActionConfig> has no <Log> file name"},
+        {true, L"<ActionConfig><Log></Log></ActionConfig>", "<Log> \"\" is refused"},
+        {true, L"<ActionConfig><Log>..\\..\\x</Log></ActionConfig>",
+         "<Log> \"..\\..\\x\" is refused: give a file name for the log folder "},
+        {true, L"<ActionConfig><Log>NUL</Log></ActionConfig>", "<Log> \"NUL\" is refused"},
+        {true, L"<ActionConfig><Log>a.txt</Log><MaxSize>99999999999999999999</MaxSize></ActionConfig>",
+         "<MaxSize> \"99999999999999999999\" is not a number of bytes from 1024 to 1073741824"},
+        {true, L"<ActionConfig><Log>a.txt</Log><MaxSize>0x</MaxSize></ActionConfig>", "<MaxSize> \"0x\" is not"},
+        {true, L"<ActionConfig><Log>a.txt", "<ActionConfig> is not well-formed XML"},
+    };
+    for (const auto& c : cases) {
+        log_.Mark();
+        EXPECT_EQ(0u, c.action ? actionInit_(c.xml) : ruleInit_(c.xml));
+        EXPECT_TRUE(log_.Contains(c.message)) << c.message << "\n" << log_.Since();
+        EXPECT_EQ(kBadConfiguration, c.action ? execute_(&rule_, L"<Action Type=\"OMKActionLog\"/>")
+                                              : Evaluate(L"<Rule><Match Code=\"4097\"/></Rule>"));
+    }
+}
+
+TEST_F(Plugins, PeriodicRulesFireOnTheirRecordAndNeverReadPastIt) {
+    ASSERT_EQ(0u, ruleInit_(L"<RuleConfig><Source>collector</Source><MaxDataBytes>2</MaxDataBytes></RuleConfig>"));
+    const struct {
+        const wchar_t* xml;
+        unsigned int result;
+        const char* message;
+    } cases[] = {
+        {L"<Match Code=\"4097\" SubCode=\"2\" Byte=\"0\" AtLeast=\"90\"/>", OMK_RULE_TRIGGERED, ""},
+        {L"<Match Code=\"0x1001\" Byte=\"1\" AtMost=\"1\"/>", OMK_RULE_TRIGGERED, ""},
+        {L"<Match Code=\"4097\" SubCode=\"3\"/>", OMK_RULE_NOT_TRIGGERED, ""},
+        {L"<Match Code=\"4098\"/>", OMK_RULE_NOT_TRIGGERED, ""},
+        {L"<Match Code=\"4097\" Byte=\"0\" AtLeast=\"91\"/>", OMK_RULE_NOT_TRIGGERED, ""},
+        {L"<Match Code=\"4097\" Byte=\"4\" AtLeast=\"0\"/>", OMK_RULE_NOT_TRIGGERED, ""},
+        {L"<Match Code=\"0x\"/>", kBadConfiguration, "rule Thermal: <Match Code=\"0x\"> is not a number"},
+        {L"<Match Code=\"-1\"/>", kBadConfiguration, "<Match Code=\"-1\"> is not a number from 0 to 4294967295"},
+        {L"<Match SubCode=\"2\"/>", kBadConfiguration, "rule Thermal: <Match> has no Code"},
+        {L"<Match Code=\"1\" Byte=\"0\"/>", kBadConfiguration, "needs Byte together with AtLeast or AtMost"},
+        {L"<Match Code=\"1\" Byte=\"0\" AtLeast=\"256\"/>", kBadConfiguration, "<Match AtLeast=\"256\">"},
+        {L"", kBadConfiguration, "rule Thermal has no <Match Code=\"...\"/> for periodic data"},
+    };
+    for (const auto& c : cases) {
+        log_.Mark();
+        EXPECT_EQ(c.result, Evaluate(std::wstring(L"<Rule>") + c.xml + L"</Rule>")) << omktest::ToUtf8(c.xml);
+        EXPECT_TRUE(log_.Contains(c.message)) << c.message << "\n" << log_.Since();
+    }
+    // A rule with a wrong <Match> is reported once, not at every record.
+    log_.Mark();
+    EXPECT_EQ(kBadConfiguration, Evaluate(L"<Rule><Match Code=\"0x\"/></Rule>"));
+    EXPECT_EQ("", log_.Since());
+
+    std::string alert = Alert();
+    EXPECT_NE(std::string::npos, alert.find("\t\t<PeriodicData>\r\n\t\t<Source>collector</Source>\r\n"
+                                            "\t\t<Code>4097</Code>\r\n\t\t<SubCode>2</SubCode>\r\n"
+                                            "\t\t<TimeStamp>133000000000000000</TimeStamp>\r\n\t\t<Byte0>90</Byte0>\r\n"
+                                            "\t\t<Length>4</Length>\r\n\t\t<Data>5A 01</Data>\r\n"
+                                            "\t\t</PeriodicData>\r\n"))
+        << alert;
+    EXPECT_NE(std::string::npos, alert.find("<Byte1>1</Byte1>")) << alert;
+
+    item_.kind = WORK_SUMMARY_CREATED;
+    rule_.onPeriodicData = 0;
+    rule_.onSummary = 1;
+    EXPECT_EQ(OMK_RULE_TRIGGERED, Evaluate(L"<Rule/>"));
+    EXPECT_NE(std::string::npos, Alert().find("\t\t<Summary>\r\n\t\t<Source>collector</Source>\r\n\t\t</Summary>"));
+}
+
+TEST_F(Plugins, ActionLogThatCannotWriteFailsWithTheReason) {
+    const std::wstring folder = InFolder(OMK_FOLDER_LOG, L"productPluginsDir");
+    CreateDirectoryW(folder.c_str(), nullptr);
+    ASSERT_EQ(0u, actionInit_(L"<ActionConfig><Log>productPluginsDir</Log></ActionConfig>"));
+    EXPECT_EQ(static_cast<unsigned int>(ERROR_ACCESS_DENIED), execute_(&rule_, L"<Action Type=\"OMKActionLog\"/>"));
+    EXPECT_TRUE(log_.Contains("omkActionLog!Action_Execute: cannot append to ")) << log_.Since();
+    EXPECT_EQ(static_cast<unsigned int>(ERROR_INVALID_PARAMETER), execute_(nullptr, nullptr));
+    RemoveDirectoryW(folder.c_str());
+}
+
+// ---------------------------------------------------------------------------
+// The installed service: one start, a thermal record of the sample rule file
+// and a record for the SDK example, which was built with find_package and is
+// loaded signed from the install folder.
+
+const std::wstring kInstall = L"C:\\omkplug";
+const wchar_t kExampleKey[] = L"Software\\Varn Inc.\\Orlemark\\RulePlugin\\OmkSdkExample";
+const std::string kOldLines(1024, '#');
+
+void Replace(std::string& text, const std::string& from, const std::string& to) {
+    text.replace(text.find(from), from.size(), to);
+}
+
+class InstalledPlugins : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(omktest::InstallTestRoot());
+        svctest::RunInstaller(L"uninstall", kInstall);
+        ASSERT_EQ(0u, svctest::RunInstaller(L"install", kInstall));
+        ASSERT_TRUE(CopyFileW((omktest::ProgramFolder() + L"\\omkSdkExample.dll").c_str(),
+                              (kInstall + L"\\omkSdkExample.dll").c_str(), FALSE));
+        exampleKey_ = new omktest::ScopedRegKey(HKEY_LOCAL_MACHINE, kExampleKey);
+        exampleKey_->SetString(L"DllPath", kInstall + L"\\omkSdkExample.dll");
+        std::string rules = omktest::ReadFileBytes(kInstall + L"\\insvcAlerts.xml");
+        Replace(rules, "<Log>omkActionLog.txt</Log>", "<Log>pluginE2E.txt</Log>");
+        Replace(rules, "<MaxSize>1048576</MaxSize>", "<MaxSize>1024</MaxSize>");
+        Replace(rules, "</Tolvane>",
+                "<RuleConfig Type=\"OmkSdkExample\"><Code>0x2A</Code></RuleConfig>\r\n"
+                "<Rule Enabled=\"1\" OnPeriodicData=\"1\" Type=\"OmkSdkExample\"><Name>Example</Name><Descr>d</Descr>"
+                "<RuleGuid>{E0E1E2E3-0000-4000-8000-000000000042}</RuleGuid><AlertMsg>Example record seen.</AlertMsg>"
+                "</Rule>\r\n</Tolvane>");
+        ASSERT_TRUE(omktest::WriteFileBytes(kInstall + L"\\insvcAlerts.xml", rules));
+        for (const auto& root : svctest::ProductDataRoots()) {
+            for (const std::wstring& folder : {root.substr(0, root.rfind(L'\\')), root, root + L"\\Log"}) {
+                CreateDirectoryW(folder.c_str(), nullptr);
+            }
+            DeleteFileW((root + L"\\Log\\pluginE2E.txt.bak").c_str());
+            omktest::WriteFileBytes(root + L"\\Log\\pluginE2E.txt", kOldLines);
+        }
+
+        svctest::InstalledService service;
+        ASSERT_TRUE(service.Start()) << GetLastError();
+        ASSERT_TRUE(service.WaitForState(SERVICE_RUNNING)) << service.LogSince();
+        const ULONGLONG latest = svctest::LatestAlertTime();
+        const std::wstring send = L"\"" + omktest::ProgramFolder() + L"\\tolvane-send.exe\" periodic ";
+        EXPECT_EQ(0u, omktest::RunProcess(send + L"--code 4097 --subcode 2 --hex \"5a 01 64 00\""));
+        EXPECT_EQ(0u, omktest::RunProcess(send + L"--code 42 --subcode 7 --hex \"01 02 03\""));
+        omktest::WaitFor([&] { return svctest::AlertsStoredAfter(latest).size() >= 2; }, 30000);
+        alerts_ = svctest::AlertsStoredAfter(latest);
+        log_ = service.LogSince();
+        service.StopAndWait();
+    }
+    static void TearDownTestSuite() {
+        delete exampleKey_;
+        DeleteFileW((kInstall + L"\\omkSdkExample.dll").c_str());
+        svctest::RunInstaller(L"uninstall", kInstall);
+    }
+
+    static omktest::ScopedRegKey* exampleKey_;
+    static std::vector<std::string> alerts_;
+    static std::string log_;
+};
+omktest::ScopedRegKey* InstalledPlugins::exampleKey_ = nullptr;
+std::vector<std::string> InstalledPlugins::alerts_;
+std::string InstalledPlugins::log_;
+
+TEST_F(InstalledPlugins, SampleThermalRecordStoresAnAlertWithTheRecordsValues) {
+    ASSERT_EQ(2u, alerts_.size()) << log_;
+    for (const char* part : {"<RuleGuid>{9A8B7C6D-5E4F-4321-8765-43210FEDCB63}</RuleGuid>",
+                             "<Message>The processor throttled because of heat.</Message>", "<Code>4097</Code>",
+                             "<SubCode>2</SubCode>", "<Byte0>90</Byte0>", "<Data>5A 01 64 00</Data>"}) {
+        EXPECT_NE(std::string::npos, alerts_[0].find(part)) << part << "\n" << alerts_[0];
+    }
+    EXPECT_EQ(std::string::npos, alerts_[0].find("Example")) << "the example's code is 0x2A, not 4097";
+}
+
+TEST_F(InstalledPlugins, ExamplePluginBuiltWithFindPackageLoadsSignedAndRaisesItsAlert) {
+    ASSERT_EQ(2u, alerts_.size()) << log_;
+    EXPECT_NE(std::string::npos, alerts_[1].find("<ExampleRecord>\r\n\t\t<Code>42</Code>\r\n\t\t<SubCode>7</SubCode>"
+                                                  "\r\n\t\t<Length>3</Length>\r\n\t\t</ExampleRecord>"))
+        << alerts_[1];
+    EXPECT_EQ(std::string::npos, log_.find("LoadRulePlugin")) << log_;
+}
+
+TEST_F(InstalledPlugins, ActionLogHonoursItsConfigurationAndRotates) {
+    std::string backup, current;
+    for (const auto& root : svctest::ProductDataRoots()) {
+        if (!omktest::FileExists(root + L"\\Log\\pluginE2E.txt.bak")) continue;
+        backup = omktest::ReadFileBytes(root + L"\\Log\\pluginE2E.txt.bak");
+        current = omktest::ReadFileBytes(root + L"\\Log\\pluginE2E.txt");
+    }
+    EXPECT_EQ(kOldLines, backup) << "the full file moved aside\n" << log_;
+    EXPECT_NE(std::string::npos, current.find("Z Information rule=\"Thermal throttling\" ruleGuid={9A8B7C6D-")) << current;
+    EXPECT_EQ(std::string::npos, log_.find("omkActionLog!")) << log_;
+}
+
+}  // namespace
