@@ -17,6 +17,8 @@
 #include <stdio.h>
 #include <wchar.h>
 
+#include <functional>
+
 #include "comRegistration.h"
 #include "omkErrors.h"
 #include "tolvane.h"
@@ -65,66 +67,67 @@ int Unregister() {
     return 0;
 }
 
+// Runs `work` on the service opened with `access`; a service that does not
+// exist is `work`'s success when `absentIsDone`. A failure is reported as `step`.
+int OnService(const wchar_t* serviceName, DWORD access, bool absentIsDone, const wchar_t* step,
+              const std::function<HRESULT(SC_HANDLE)>& work) {
+    SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+    if (manager == nullptr) return Fail(L"OpenSCManagerW", L"", HRESULT_FROM_WIN32(GetLastError()));
+    SC_HANDLE service = OpenServiceW(manager, serviceName, access);
+    HRESULT hr = S_OK;
+    if (service != nullptr) {
+        hr = work(service);
+        CloseServiceHandle(service);
+    } else if (GetLastError() != ERROR_SERVICE_DOES_NOT_EXIST || !absentIsDone) {
+        hr = HRESULT_FROM_WIN32(GetLastError());
+    }
+    CloseServiceHandle(manager);
+    return FAILED(hr) ? Fail(step, serviceName, hr) : 0;
+}
+
 // Windows Installer has no table for these: the package runs this command
 // after it installed the service. (Wine accepts the call but keeps nothing.)
 int SetRecovery(const wchar_t* serviceName) {
-    SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-    if (manager == nullptr) return Fail(L"OpenSCManagerW", L"", HRESULT_FROM_WIN32(GetLastError()));
     // A restart action needs the right to start the service.
-    SC_HANDLE service = OpenServiceW(manager, serviceName, SERVICE_CHANGE_CONFIG | SERVICE_START);
-    HRESULT hr = S_OK;
-    if (service == nullptr) {
-        hr = HRESULT_FROM_WIN32(GetLastError());
-    } else {
-        SC_ACTION actions[] = {{SC_ACTION_RESTART, kRestartDelayMs}, {SC_ACTION_RESTART, kRestartDelayMs},
-                               {SC_ACTION_NONE, 0}};
-        SERVICE_FAILURE_ACTIONSW failure = {};
-        failure.dwResetPeriod = kFailureResetSeconds;
-        failure.cActions = ARRAYSIZE(actions);
-        failure.lpsaActions = actions;
-        if (!ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failure)) {
-            hr = HRESULT_FROM_WIN32(GetLastError());
-        }
-        CloseServiceHandle(service);
-    }
-    CloseServiceHandle(manager);
-    if (FAILED(hr)) return Fail(L"setting the recovery options of", serviceName, hr);
-    OMK_ReportError(0, L"omkTolvaneReg: recovery options of %ls set: restart after %lu s on the first and second "
-                       L"failure, reset after %lu s",
-                    serviceName, kRestartDelayMs / 1000, kFailureResetSeconds);
-    return 0;
+    return OnService(serviceName, SERVICE_CHANGE_CONFIG | SERVICE_START, false, L"setting the recovery options of",
+                     [serviceName](SC_HANDLE service) {
+                         SC_ACTION actions[] = {{SC_ACTION_RESTART, kRestartDelayMs},
+                                                {SC_ACTION_RESTART, kRestartDelayMs},
+                                                {SC_ACTION_NONE, 0}};
+                         SERVICE_FAILURE_ACTIONSW failure = {};
+                         failure.dwResetPeriod = kFailureResetSeconds;
+                         failure.cActions = ARRAYSIZE(actions);
+                         failure.lpsaActions = actions;
+                         if (!ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failure)) {
+                             return HRESULT_FROM_WIN32(GetLastError());
+                         }
+                         OMK_ReportError(0,
+                                         L"omkTolvaneReg: recovery options of %ls set: restart after %lu s on the "
+                                         L"first and second failure, reset after %lu s",
+                                         serviceName, kRestartDelayMs / 1000, kFailureResetSeconds);
+                         return S_OK;
+                     });
 }
 
 // Windows Installer stops the service before it replaces or removes its files,
 // but under Wine it does not wait for the stop: the package runs this next.
 int StopAndWait(const wchar_t* serviceName) {
-    SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-    if (manager == nullptr) return Fail(L"OpenSCManagerW", L"", HRESULT_FROM_WIN32(GetLastError()));
-    SC_HANDLE service = OpenServiceW(manager, serviceName, SERVICE_STOP | SERVICE_QUERY_STATUS);
-    HRESULT hr = S_OK;
-    if (service == nullptr) {
-        if (GetLastError() != ERROR_SERVICE_DOES_NOT_EXIST) hr = HRESULT_FROM_WIN32(GetLastError());
-    } else {
-        SERVICE_STATUS status = {};
-        if (QueryServiceStatus(service, &status) && status.dwCurrentState != SERVICE_STOPPED &&
-            status.dwCurrentState != SERVICE_STOP_PENDING) {
-            ControlService(service, SERVICE_CONTROL_STOP, &status);
-        }
-        const DWORD start = GetTickCount();
-        while (status.dwCurrentState != SERVICE_STOPPED && GetTickCount() - start < kStopWaitMs) {
-            Sleep(100);
-            if (!QueryServiceStatus(service, &status)) break;
-        }
-        if (status.dwCurrentState != SERVICE_STOPPED) {
-            hr = HRESULT_FROM_WIN32(ERROR_SERVICE_REQUEST_TIMEOUT);
-        } else {
+    return OnService(
+        serviceName, SERVICE_STOP | SERVICE_QUERY_STATUS, true, L"stopping", [serviceName](SC_HANDLE service) {
+            SERVICE_STATUS status = {};
+            if (QueryServiceStatus(service, &status) && status.dwCurrentState != SERVICE_STOPPED &&
+                status.dwCurrentState != SERVICE_STOP_PENDING) {
+                ControlService(service, SERVICE_CONTROL_STOP, &status);
+            }
+            const DWORD start = GetTickCount();
+            while (status.dwCurrentState != SERVICE_STOPPED && GetTickCount() - start < kStopWaitMs) {
+                Sleep(100);
+                if (!QueryServiceStatus(service, &status)) break;
+            }
+            if (status.dwCurrentState != SERVICE_STOPPED) return HRESULT_FROM_WIN32(ERROR_SERVICE_REQUEST_TIMEOUT);
             OMK_ReportError(0, L"omkTolvaneReg: %ls stopped after %lu ms", serviceName, GetTickCount() - start);
-        }
-        CloseServiceHandle(service);
-    }
-    CloseServiceHandle(manager);
-    if (FAILED(hr)) return Fail(L"stopping", serviceName, hr);
-    return 0;
+            return S_OK;
+        });
 }
 
 }  // namespace
