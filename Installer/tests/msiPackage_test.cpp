@@ -78,7 +78,8 @@ std::vector<std::wstring> InstalledVersions() {
 // custom actions included.
 std::string RegistrationLog() {
     std::string text;
-    for (const auto& root : svctest::ProductDataRoots()) text += omktest::ReadFileBytes(root + L"\\Log\\omkTolvaneReg.txt");
+    for (const auto& root : svctest::ProductDataRoots())
+        text += omktest::ReadFileBytes(root + L"\\Log\\omkTolvaneReg.txt");
     return text;
 }
 
@@ -110,7 +111,7 @@ protected:
         InstalledService service;
         ASSERT_TRUE(service.IsOpen());
         EXPECT_TRUE(service.WaitForState(SERVICE_RUNNING)) << service.LogSince();
-        BYTE buffer[8192];
+        alignas(QUERY_SERVICE_CONFIGW) BYTE buffer[8192];
         DWORD needed = 0;
         auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer);
         ASSERT_TRUE(QueryServiceConfigW(service.Handle(), config, sizeof(buffer), &needed));
@@ -149,7 +150,7 @@ protected:
     // the tool's log line shows the custom action ran and succeeded.
     void ExpectRecoveryOptions(SC_HANDLE service) {
         EXPECT_NE(std::string::npos, RegistrationLog().find(kRecoverySet, registrationLogStart_));
-        BYTE buffer[1024];
+        alignas(SERVICE_FAILURE_ACTIONSW) BYTE buffer[1024];
         DWORD needed = 0;
         if (!QueryServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, buffer, sizeof(buffer), &needed)) {
             EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_LEVEL), GetLastError());
@@ -172,8 +173,8 @@ protected:
         EXPECT_EQ(static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST), GetLastError());
         if (service != nullptr) CloseServiceHandle(service);
         CloseServiceHandle(manager);
-        for (const std::wstring& key :
-             {kClassKey, kAppIdKey, kTypeLibKey, kInterfaceKey, kRulePluginKey, kActionPluginKey, kRememberedFolderKey}) {
+        for (const std::wstring& key : {kClassKey, kAppIdKey, kTypeLibKey, kInterfaceKey, kRulePluginKey,
+                                        kActionPluginKey, kRememberedFolderKey}) {
             EXPECT_FALSE(KeyExists(key)) << omktest::ToUtf8(key);
         }
         EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(folder.c_str())) << omktest::ToUtf8(folder);
@@ -216,7 +217,8 @@ TEST_F(MsiPackage, UpgradesRepairsAndRemovesAnInstallationInAFolderWithSpacesAnd
     ExpectInstalledIn(kUnusualFolder);
     EXPECT_EQ(1u, svctest::AlertsStoredAfter(before).size()) << "the alert database is kept";
 
-    EXPECT_EQ(static_cast<DWORD>(ERROR_INSTALL_FAILURE & 0xFF), Msiexec(L"/i \"" + Package(OMK_PACKAGE_VERSION) + L"\""))
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INSTALL_FAILURE & 0xFF),
+              Msiexec(L"/i \"" + Package(OMK_PACKAGE_VERSION) + L"\""))
         << LogText();
     EXPECT_EQ(std::vector<std::wstring>{OMK_UPGRADE_VERSION}, InstalledVersions()) << "a downgrade is refused";
     EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), InstalledService().Status().dwCurrentState);
