@@ -131,7 +131,13 @@ std::string InstalledService::LogSince() const {
     std::vector<std::wstring> logs = ErrorLogs();
     for (size_t i = 0; i < logs.size() && i < logStarts_.size(); ++i) {
         std::string text = omktest::ReadFileBytes(logs[i]);
-        if (text.size() > logStarts_[i]) since += text.substr(logStarts_[i]);
+        if (text.size() >= logStarts_[i]) {
+            since += text.substr(logStarts_[i]);
+        } else {  // rotated since the mark: the rest of the backup, then the new log
+            const std::string backup = omktest::ReadFileBytes(logs[i] + L".bak");
+            if (backup.size() > logStarts_[i]) since += backup.substr(logStarts_[i]);
+            since += text;
+        }
     }
     return since;
 }
