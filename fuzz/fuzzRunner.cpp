@@ -212,6 +212,7 @@ int ParentMain(Subject& subject, Options options) {
     const ULONGLONG start = GetTickCount64();
     omktest::TempFolder scratch;
     options.scratch = scratch.Path();
+    if (!options.corpus.empty()) CreateDirectoryW(options.corpus.c_str(), nullptr);
     std::vector<std::wstring> files = ListCorpus(options.corpus);
     files.insert(files.end(), options.also.begin(), options.also.end());
     std::string list;

@@ -122,6 +122,21 @@ IXMLDOMNodeList* Select(IXMLDOMDocument* doc, const wchar_t* xpath, const wchar_
     return list;
 }
 
+// True when the text opens with an XML declaration whose version is longer
+// than any XML version there is ("1.0", "1.1"). Wine's msxml3 copies the
+// version into a 30-byte buffer and overruns it on one of 20 characters or
+// more, so such a text is refused as not well-formed before MSXML sees it.
+bool HasOverlongXmlVersion(const wchar_t* text) {
+    if (text[0] == 0xFEFF) ++text;
+    if (wcsncmp(text, L"<?xml", 5) != 0) return false;
+    const wchar_t* end = wcsstr(text, L"?>");
+    const wchar_t* version = wcsstr(text, L"version");
+    if (version == nullptr || (end != nullptr && version > end)) return false;
+    const wchar_t* quote = wcspbrk(version, L"\"'");
+    const wchar_t* close = quote != nullptr ? wcschr(quote + 1, *quote) : nullptr;
+    return close != nullptr && close - quote - 1 > 3;
+}
+
 }  // namespace
 
 IXMLDOMDocument* ReloadXML(IXMLDOMDocument** reusable, const wchar_t* text) {
@@ -145,6 +160,7 @@ IXMLDOMDocument* ReloadXML(IXMLDOMDocument** reusable, const wchar_t* text) {
     if (text == nullptr) text = L"";
     // A file read with its UTF-8 byte-order mark widened byte by byte.
     if (text[0] == 0x00EF && text[1] == 0x00BB && text[2] == 0x00BF) text += 3;
+    if (HasOverlongXmlVersion(text)) return nullptr;
 
     BSTR xml = SysAllocString(text);
     if (xml == nullptr) {
