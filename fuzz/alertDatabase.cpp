@@ -203,7 +203,7 @@ public:
         }
         FreeSqliteLib();
 
-        outcome_ = intact ? "intact" : stored[0] ? "damaged, stores went on" : "damaged, set aside";
+        outcome_ = intact ? "intact" : "damaged";
         std::string broken;
         if (!stored[2] || (!stored[0] && !stored[1])) broken = "the stores did not recover";
         if (intact && !(stored[0] && stored[1] && stored[2])) broken += "; a store into an intact database failed";

@@ -171,6 +171,20 @@ int QueryInt(sqlite3* db, const char* sql, int* value) {
     return rc == SQLITE_ROW || rc == SQLITE_DONE ? SQLITE_OK : rc;
 }
 
+// SQLITE_CORRUPT when integrity_check finds the file damaged, else its own result.
+int CheckIntegrity(sqlite3* db) {
+    sqlite3_stmt* stmt = nullptr;
+    int rc = sqlite3_prepare_v2(db, "PRAGMA integrity_check(1)", -1, &stmt, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_step(stmt);
+    if (rc == SQLITE_ROW) {
+        const char* result = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+        rc = result != nullptr && strcmp(result, "ok") == 0 ? SQLITE_OK : SQLITE_CORRUPT;
+    }
+    sqlite3_finalize(stmt);
+    NoteResult(db, rc);
+    return rc;
+}
+
 // Opens the read-write connection: WAL, every commit synced, the WAL and its
 // index kept beside the file after the last close so that readers without
 // write access to the folder can open it.
@@ -186,6 +200,10 @@ int OpenReadWrite(const std::wstring& path, bool create, std::string& message) {
     if (rc == SQLITE_OK) rc = QueryInt(db, "SELECT journal_mode='wal' FROM pragma_journal_mode", &walMode);
     if (rc == SQLITE_OK && !walMode) rc = SQLITE_ERROR;
     if (rc == SQLITE_OK) rc = Exec(db, "PRAGMA synchronous=FULL; PRAGMA journal_size_limit=4194304");
+    // Damage where no statement would look for a while (an old alert's page, a
+    // row the first layout cannot carry over) is found here, once per process,
+    // so that the file is moved aside before alerts go into it.
+    if (rc == SQLITE_OK && create) rc = CheckIntegrity(db);
     int firstLayout = 0;
     if (rc == SQLITE_OK) {
         rc = QueryInt(db, "SELECT count(*) FROM pragma_table_info('alerts') WHERE name='creation_time' AND pk=1",

@@ -68,8 +68,8 @@ OMKDB_API int WINAPI FreeSqliteLib(void);
 // Opens the alert database for reading and writing; `storeConnection` (1 or
 // 0) names the open for AlertDb_Close. With `createWhenMissing` nonzero the
 // folder, the file and the table are created when missing, and a file that is
-// not a valid database (or that an earlier call of this process found
-// corrupt) is moved aside to "omkAlerts.db.corrupt-<yyyymmddhhmmss UTC>" (its
+// not a valid database (SQLite's integrity check runs when the process first
+// opens it so; or an earlier call of this process found it corrupt) is moved aside to "omkAlerts.db.corrupt-<yyyymmddhhmmss UTC>" (its
 // WAL beside it, with "-wal" appended) and a new database started; a file
 // that is gone counts as moved. When it cannot be moved (another process
 // holds it) the open fails, is reported once, and the next creating open
