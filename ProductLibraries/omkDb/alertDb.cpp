@@ -103,6 +103,28 @@ bool IsCorruption(int rc) {
     return (rc & 0xFF) == SQLITE_CORRUPT || (rc & 0xFF) == SQLITE_NOTADB;
 }
 
+// An open that fails on what the file holds (damage, a file format this SQLite
+// does not read or write, rows the first layout cannot carry over) rather than
+// on the machine (a lock, a full disk, I/O, memory): such a file would stop
+// every store for good, so a creating open moves it aside like a corrupt one.
+bool IsUnusableFile(int rc) {
+    switch (rc & 0xFF) {
+        case SQLITE_OK:
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED:
+        case SQLITE_NOMEM:
+        case SQLITE_IOERR:
+        case SQLITE_FULL:
+        case SQLITE_CANTOPEN:
+        case SQLITE_PERM:
+        case SQLITE_INTERRUPT:
+        case SQLITE_AUTH:
+            return false;
+        default:
+            return true;
+    }
+}
+
 // Corruption seen on the read-write connection has the file replaced at the
 // next creating open. A reader's view of the file never does: it may be one
 // that raced a writer.
@@ -198,7 +220,7 @@ int OpenReadWrite(const std::wstring& path, bool create, std::string& message) {
     if (rc == SQLITE_OK) rc = sqlite3_file_control(db, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
     if (rc == SQLITE_OK) rc = Exec(db, "PRAGMA journal_mode=WAL");
     if (rc == SQLITE_OK) rc = QueryInt(db, "SELECT journal_mode='wal' FROM pragma_journal_mode", &walMode);
-    if (rc == SQLITE_OK && !walMode) rc = SQLITE_ERROR;
+    if (rc == SQLITE_OK && !walMode) rc = SQLITE_CANTOPEN;  // the machine's doing, not the file's
     if (rc == SQLITE_OK) rc = Exec(db, "PRAGMA synchronous=FULL; PRAGMA journal_size_limit=4194304");
     // Damage where no statement would look for a while (an old alert's page, a
     // row the first layout cannot carry over) is found here, once per process,
@@ -214,7 +236,7 @@ int OpenReadWrite(const std::wstring& path, bool create, std::string& message) {
     if (rc != SQLITE_OK) {
         message = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
         if (db != nullptr && !sqlite3_get_autocommit(db)) sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-        g_rw.Close(IsCorruption(rc));
+        g_rw.Close(IsUnusableFile(rc));
     }
     return rc;
 }
@@ -387,7 +409,7 @@ OMKDB_API int WINAPI AlertDb_Open(int storeConnection, int createWhenMissing) {
 
     std::string message;
     int rc = OpenReadWrite(path, create, message);
-    if (rc != SQLITE_OK && create && IsCorruption(rc)) {
+    if (rc != SQLITE_OK && create && IsUnusableFile(rc)) {
         if (!MoveAside(path)) return 0;
         rc = OpenReadWrite(path, create, message);
     }
