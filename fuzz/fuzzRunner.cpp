@@ -30,6 +30,7 @@ struct Options {
 struct Progress {
     volatile LONG64 index;  // the input in hand
     volatile LONG64 beats;  // inputs finished
+    volatile LONG done;     // the child ran its share to the end
 };
 
 Options ParseOptions(int argc, wchar_t** argv) {
@@ -46,7 +47,7 @@ Options ParseOptions(int argc, wchar_t** argv) {
         else if (arg == L"--corpus") options.corpus = value;
         else if (arg == L"--also") options.also.push_back(value);
         else if (arg == L"--hang-ms") options.hangMs = static_cast<DWORD>(_wtoi(value));
-        else if (arg == L"--from") options.from = _wcstoui64(value, nullptr, 10);
+        else if (arg == L"--from" || arg == L"--first") options.from = _wcstoui64(value, nullptr, 10);
         else if (arg == L"--scratch") options.scratch = value;
         else continue;
         ++i;
@@ -164,7 +165,8 @@ int ChildMain(Subject& subject, const Options& options) {
     tail.Skip();
     std::set<std::string> seen;
     const std::wstring current = options.scratch + L"\\current." + subject.Extension();
-    for (uint64_t k = options.from; k < total; ++k) {
+    const uint64_t end = subject.InputsPerProcess() == 0 ? total : std::min(total, options.from + subject.InputsPerProcess());
+    for (uint64_t k = options.from; k < end; ++k) {
         g_progress->index = static_cast<LONG64>(k);
         const std::string input = k < replays ? corpus[k] : subject.Generate(options.seed, k - replays, corpus);
         omktest::WriteFileBytes(current, input);
@@ -186,7 +188,8 @@ int ChildMain(Subject& subject, const Options& options) {
         }
         InterlockedIncrement64(&g_progress->beats);
     }
-    g_progress->index = static_cast<LONG64>(total);
+    g_progress->index = static_cast<LONG64>(end);
+    g_progress->done = 1;
     return 0;
 }
 
@@ -228,9 +231,10 @@ int ParentMain(Subject& subject, Options options) {
     std::vector<std::string> problems;
     std::map<std::string, uint64_t> outcomes;
     const std::wstring current = options.scratch + L"\\current." + subject.Extension();
-    for (uint64_t from = 0; from < total;) {
+    for (uint64_t from = options.from; from < total;) {
         progress->index = static_cast<LONG64>(from);
         progress->beats = 0;
+        progress->done = 0;
         HANDLE child = StartChild(options, from);
         if (child == nullptr) {
             fprintf(stderr, "%s: cannot start a child process (%lu)\n", subject.Title(), GetLastError());
@@ -254,7 +258,10 @@ int ParentMain(Subject& subject, Options options) {
         GetExitCodeProcess(child, &code);
         CloseHandle(child);
         const uint64_t at = static_cast<uint64_t>(progress->index);
-        if (!hung && code == 0 && at >= total) break;
+        if (!hung && code == 0 && progress->done) {  // done, or handing over to a fresh process
+            from = at;
+            continue;
+        }
         if (!hung && code == 2) {
             fprintf(stderr, "%s: the child process could not attach to the campaign\n", subject.Title());
             return 2;
@@ -310,11 +317,11 @@ void PrintLine(const char* campaign, const Tally& tally, const std::string& extr
         strcpy(balance, "n/a");
     }
     balance[sizeof(balance) - 1] = '\0';
-    printf("%s: %llu inputs, %llu crashes, %llu hangs, %llu failures, %zu distinct messages, "
+    printf("%s: %llu inputs, %llu crashes, %llu hangs, %llu failures, %llu distinct messages, "
            "g_allocCount balance %s, %.1f s%s%s\n",
            campaign, static_cast<unsigned long long>(tally.inputs), static_cast<unsigned long long>(tally.crashes),
            static_cast<unsigned long long>(tally.hangs), static_cast<unsigned long long>(tally.failures),
-           tally.messages.size(), balance, tally.seconds, extra.empty() ? "" : ", ", extra.c_str());
+           static_cast<unsigned long long>(tally.messages.size()), balance, tally.seconds, extra.empty() ? "" : ", ", extra.c_str());
     fflush(stdout);
 }
 

@@ -4,13 +4,13 @@
 // inputs, crashes, hangs, failures of the design's promises, distinct
 // messages logged, the g_allocCount balance, time.
 //
-//   program [--seed N] [--count N] [--corpus FOLDER] [--also FILE]... [--hang-ms N] [--messages] [--verbose]
+//   program [--seed N] [--count N] [--corpus FOLDER] [--also FILE]... [--hang-ms N] [--messages] [--verbose] [--first N]
 //
 // The inputs are the corpus folder's files and the --also files first
 // (replayed as they are: the regression inputs), then `count` inputs generated from `seed`. A failing
 // input is written into the corpus folder as <crash|hang|fail>-<seed>-<n>.<ext>.
 // --messages lists the distinct messages on stderr; --verbose shows every
-// logged line of every input there.
+// logged line of every input there. --first N starts at input N (replays count).
 // Exit code 0 when nothing failed.
 #pragma once
 
@@ -69,6 +69,8 @@ public:
     virtual std::string Generate(uint64_t seed, uint64_t index, const std::vector<std::string>& corpus) = 0;
     // False when the subject's code keeps no g_allocCount (a DLL of its own).
     virtual bool CountsAllocations() const { return true; }
+    // Inputs one child process runs before a fresh one takes over (0: all).
+    virtual uint64_t InputsPerProcess() const { return 0; }
     // In each child process, once, before its first input.
     virtual void Prepare() {}
     // Runs one input: empty when every promise held, else what broke.

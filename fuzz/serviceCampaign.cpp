@@ -1,0 +1,113 @@
+#include "serviceCampaign.h"
+
+#include <psapi.h>
+
+#include "omkPluginSdk.h"
+#include "testPlugins.h"
+#include "testSupport.h"
+
+namespace omkfuzz {
+
+const wchar_t kFuzzInstall[] = L"C:\\omkfuzz";
+const wchar_t kDiskRuleGuid[] = L"{0C4E8A21-5F6B-4D7C-8E9F-1A2B3C4D5E62}";
+
+namespace {
+
+// The installer's own lines would fall between the campaigns' figures.
+DWORD RunInstallerQuietly(const wchar_t* action) {
+    HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
+    HANDLE nul = CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+    SetStdHandle(STD_OUTPUT_HANDLE, nul);
+    const DWORD code = svctest::RunInstaller(action, kFuzzInstall);
+    SetStdHandle(STD_OUTPUT_HANDLE, out);
+    CloseHandle(nul);
+    return code;
+}
+
+}  // namespace
+
+InstalledProduct::InstalledProduct(unsigned maxAlertFiles) {
+    omktest::InstallTestRoot();
+    RunInstallerQuietly(L"uninstall");
+    ok_ = RunInstallerQuietly(L"install") == 0;
+    if (ok_ && maxAlertFiles != 0) {
+        const std::wstring rules = std::wstring(kFuzzInstall) + L"\\insvcAlerts.xml";
+        std::string text = omktest::ReadFileBytes(rules);
+        const size_t at = text.find("<MaxAlertFiles>30<");
+        ok_ = at != std::string::npos &&
+              omktest::WriteFileBytes(rules, text.replace(at + 15, 2, std::to_string(maxAlertFiles)));
+    }
+}
+
+InstalledProduct::~InstalledProduct() {
+    if (!keep_) UninstallProduct();
+}
+
+void UninstallProduct() { RunInstallerQuietly(L"uninstall"); }
+
+Memory ProcessMemory(DWORD processId) {
+    Memory memory;
+    HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, processId);
+    PROCESS_MEMORY_COUNTERS_EX counters = {};
+    if (process != nullptr &&
+        GetProcessMemoryInfo(process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters), sizeof(counters))) {
+        memory.working = counters.WorkingSetSize / 1048576.0;
+        memory.peak = counters.PeakWorkingSetSize / 1048576.0;
+        memory.privateBytes = counters.PrivateUsage / 1048576.0;
+    }
+    if (process != nullptr) CloseHandle(process);
+    return memory;
+}
+
+void AddMessageKinds(const std::string& logText, std::set<std::string>* kinds) {
+    for (size_t s = 0, e; s < logText.size(); s = e + 1) {
+        e = logText.find('\n', s);
+        if (e == std::string::npos) e = logText.size();
+        if (e > s && logText[s] >= '0' && logText[s] <= '9') kinds->insert(NormaliseMessage(logText.substr(s, e - s)));
+    }
+}
+
+HANDLE StartSelf(const std::wstring& arguments) {
+    wchar_t self[MAX_PATH];
+    GetModuleFileNameW(nullptr, self, MAX_PATH);
+    std::wstring command = L"\"" + std::wstring(self) + L"\" " + arguments;
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION process = {};
+    if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
+        return nullptr;
+    }
+    CloseHandle(process.hThread);
+    return process.hProcess;
+}
+
+namespace {
+
+size_t Block(size_t bytes) { return (bytes + 15) / 16 * 16 + 16; }
+
+}  // namespace
+
+size_t QueuedRuleBytes(const QueuedRule& rule) {
+    size_t bytes = Block(sizeof(WORK_ITEM)) + Block((rule.pluginChars + 1) * 2) + Block((rule.guidChars + 1) * 2);
+    if (!rule.arrays) return bytes;
+    if (rule.tag) bytes += Block((rule.tagChars + 1) * 2);
+    bytes += 2 * (Block(sizeof(SAFEARRAY) + 16) + Block(rule.elements * sizeof(BSTR)));
+    return bytes + rule.strings * Block(sizeof(DWORD) + sizeof(wchar_t)) + rule.textChars * sizeof(wchar_t);
+}
+
+size_t QueuedPeriodicBytes(size_t dataBytes) {
+    return Block(sizeof(WORK_ITEM)) + (dataBytes != 0 ? Block(dataBytes) : 0);
+}
+
+bool WaitForAlert(ULONGLONG creationTime, const std::string& text, DWORD timeoutMs) {
+    return omktest::WaitFor(
+        [&] {
+            for (const std::string& alert : svctest::AlertsStoredAfter(creationTime)) {
+                if (alert.find(text) != std::string::npos) return true;
+            }
+            return false;
+        },
+        timeoutMs);
+}
+
+}  // namespace omkfuzz

@@ -1,0 +1,78 @@
+// What the campaigns against the installed service share: the product
+// installed by its own installer (through the service tests' driver), the
+// service's process and memory, its messages, other processes of the same
+// campaign program, and what one queued event costs the service.
+#pragma once
+
+#include <windows.h>
+
+#include <set>
+#include <string>
+
+#include "fuzzRunner.h"
+#include "installedService.h"
+
+namespace omkfuzz {
+
+// The install folder of every service campaign (short: the plugin loaders
+// read at most 129 characters of a plugin's path).
+extern const wchar_t kFuzzInstall[];
+// The rule of the sample file the campaigns report: no limit per boot.
+extern const wchar_t kDiskRuleGuid[];
+
+// Installs the product into kFuzzInstall (removing an earlier installation
+// first) with `maxAlertFiles` in its rule file (0: the sample's own); removes
+// it on destruction.
+class InstalledProduct {
+public:
+    explicit InstalledProduct(unsigned maxAlertFiles = 0);
+    ~InstalledProduct();
+    InstalledProduct(const InstalledProduct&) = delete;
+    InstalledProduct& operator=(const InstalledProduct&) = delete;
+    bool Ok() const { return ok_; }
+    void Keep() { keep_ = true; }
+
+private:
+    bool ok_ = false;
+    bool keep_ = false;
+};
+
+// Removes the product from kFuzzInstall.
+void UninstallProduct();
+
+// Working set, its peak and private bytes of a process, in MiB.
+struct Memory {
+    double working = 0;
+    double peak = 0;
+    double privateBytes = 0;
+};
+Memory ProcessMemory(DWORD processId);
+
+// Adds the kinds of the messages in an error log's text to `kinds`.
+void AddMessageKinds(const std::string& logText, std::set<std::string>* kinds);
+
+// Starts this program again with `arguments`; its process handle or null.
+HANDLE StartSelf(const std::wstring& arguments);
+
+// Heap bytes the service keeps for one queued rule event: the item, its copies
+// of the strings (the tag only with arrays), and SafeArrayCopy of each of the
+// two BSTR arrays (descriptor, element slots, each string with its length
+// prefix); every block with a heap header, rounded as the heap rounds it.
+struct QueuedRule {
+    size_t pluginChars = 0;
+    size_t guidChars = 0;
+    bool arrays = false;   // both arrays given (else the tag is not kept either)
+    bool tag = false;
+    size_t tagChars = 0;
+    size_t elements = 0;   // of each array
+    size_t strings = 0;    // non-null strings in both arrays
+    size_t textChars = 0;  // their characters
+};
+size_t QueuedRuleBytes(const QueuedRule& rule);
+// The same for a periodic-data event of `dataBytes` bytes.
+size_t QueuedPeriodicBytes(size_t dataBytes);
+
+// Waits until an alert stored after `creationTime` contains `text`.
+bool WaitForAlert(ULONGLONG creationTime, const std::string& text, DWORD timeoutMs);
+
+}  // namespace omkfuzz
