@@ -194,21 +194,12 @@ int ChildMain(Subject& subject, const Options& options) {
 }
 
 HANDLE StartChild(const Options& options, uint64_t from) {
-    wchar_t self[MAX_PATH];
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring command = L"\"" + std::wstring(self) + L"\" --child --seed " + std::to_wstring(options.seed) +
-                           L" --count " + std::to_wstring(options.count) + L" --from " + std::to_wstring(from) +
-                           L" --scratch \"" + options.scratch + L"\"";
-    if (!options.corpus.empty()) command += L" --corpus \"" + options.corpus + L"\"";
-    if (options.verbose) command += L" --verbose";
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
-        return nullptr;
-    }
-    CloseHandle(process.hThread);
-    return process.hProcess;
+    std::wstring arguments = L"--child --seed " + std::to_wstring(options.seed) + L" --count " +
+                             std::to_wstring(options.count) + L" --from " + std::to_wstring(from) + L" --scratch \"" +
+                             options.scratch + L"\"";
+    if (!options.corpus.empty()) arguments += L" --corpus \"" + options.corpus + L"\"";
+    if (options.verbose) arguments += L" --verbose";
+    return StartSelf(arguments);
 }
 
 int ParentMain(Subject& subject, Options options) {
@@ -345,6 +336,20 @@ std::string NormaliseMessage(const std::string& logLine) {
         }
     }
     return kind;
+}
+
+HANDLE StartSelf(const std::wstring& arguments) {
+    wchar_t self[MAX_PATH];
+    GetModuleFileNameW(nullptr, self, MAX_PATH);
+    std::wstring command = L"\"" + std::wstring(self) + L"\" " + arguments;
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION process = {};
+    if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
+        return nullptr;
+    }
+    CloseHandle(process.hThread);
+    return process.hProcess;
 }
 
 std::vector<std::string> LogTail::NewLines() {

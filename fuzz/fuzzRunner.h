@@ -58,6 +58,9 @@ private:
     ULONGLONG offset_ = 0;
 };
 
+// Starts this program again with `arguments`; its process handle or null.
+HANDLE StartSelf(const std::wstring& arguments);
+
 // One kind of input and what the design promises for it.
 class Subject {
 public:

@@ -128,13 +128,6 @@ int CampaignMain(int clients, int calls) {
             problems.push_back("client " + std::to_string(c) + ": " + line);
         }
     }
-    HANDLE handle = OpenProcess(SYNCHRONIZE, FALSE, process);
-    const bool alive = handle != nullptr && WaitForSingleObject(handle, 0) == WAIT_TIMEOUT;
-    if (handle != nullptr) CloseHandle(handle);
-    if (!alive || service.ProcessId() != process) {
-        ++tally.crashes;
-        problems.push_back("the service process did not survive the load");
-    }
     const omkfuzz::Memory after = omkfuzz::ProcessMemory(process);
     peak = std::max(peak, after.working);
     const double payload = static_cast<double>(answered) * static_cast<double>(QueuedBytesPerCall()) / 1048576.0;
@@ -143,17 +136,7 @@ int CampaignMain(int clients, int calls) {
         ++tally.failures;
         problems.push_back("the working set grew beyond its bound");
     }
-    if (alive && starter.RuleTriggered(omkfuzz::kDiskRuleGuid, L"Load", L"Seq", L"after") != S_OK) {
-        ++tally.failures;
-        problems.push_back("a well-formed call after the load was not answered S_OK");
-    }
-    starter.Release();
-    omkfuzz::AddMessageKinds(service.LogSince(), &tally.messages);
-    if (alive && (!service.StopAndWait(15000) || service.Status().dwWin32ExitCode != 0)) {
-        ++tally.failures;
-        problems.push_back("the stop with the full queue did not end in time with exit code 0");
-    }
-    service.StopAndWait(60000);
+    omkfuzz::CheckServiceAfterCalls(service, starter, process, tally, problems);
 
     tally.seconds = static_cast<double>(GetTickCount64() - start) / 1000.0;
     for (const std::string& problem : problems) fprintf(stderr, "load: %s\n", problem.c_str());

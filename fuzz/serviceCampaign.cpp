@@ -67,18 +67,27 @@ void AddMessageKinds(const std::string& logText, std::set<std::string>* kinds) {
     }
 }
 
-HANDLE StartSelf(const std::wstring& arguments) {
-    wchar_t self[MAX_PATH];
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring command = L"\"" + std::wstring(self) + L"\" " + arguments;
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
-        return nullptr;
+bool CheckServiceAfterCalls(svctest::InstalledService& service, svctest::Collector& collector, DWORD process,
+                            Tally& tally, std::vector<std::string>& problems) {
+    HANDLE handle = OpenProcess(SYNCHRONIZE, FALSE, process);
+    const bool alive = handle != nullptr && WaitForSingleObject(handle, 0) == WAIT_TIMEOUT;
+    if (handle != nullptr) CloseHandle(handle);
+    if (!alive || service.ProcessId() != process) {
+        ++tally.crashes;
+        problems.push_back("the service process did not survive the calls");
     }
-    CloseHandle(process.hThread);
-    return process.hProcess;
+    if (alive && collector.RuleTriggered(kDiskRuleGuid, L"Disk", L"Fuzz", L"after-the-calls") != S_OK) {
+        ++tally.failures;
+        problems.push_back("a well-formed call after the calls was not answered S_OK");
+    }
+    collector.Release();
+    AddMessageKinds(service.LogSince(), &tally.messages);
+    if (alive && (!service.StopAndWait(15000) || service.Status().dwWin32ExitCode != 0)) {
+        ++tally.failures;
+        problems.push_back("the stop with the queue full did not end in time with exit code 0");
+    }
+    service.StopAndWait(60000);
+    return alive;
 }
 
 namespace {

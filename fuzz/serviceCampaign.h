@@ -8,6 +8,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 #include "fuzzRunner.h"
 #include "installedService.h"
@@ -51,8 +52,13 @@ Memory ProcessMemory(DWORD processId);
 // Adds the kinds of the messages in an error log's text to `kinds`.
 void AddMessageKinds(const std::string& logText, std::set<std::string>* kinds);
 
-// Starts this program again with `arguments`; its process handle or null.
-HANDLE StartSelf(const std::wstring& arguments);
+// After a campaign's calls: the same service process still runs and answers a
+// well-formed call, and its stop with the queue full ends in time with exit
+// code 0. What broke is counted in `tally` and told in `problems`; the
+// service's messages since its mark are added; the service is stopped after.
+// False when the process did not survive.
+bool CheckServiceAfterCalls(svctest::InstalledService& service, svctest::Collector& collector, DWORD process,
+                            Tally& tally, std::vector<std::string>& problems);
 
 // Heap bytes the service keeps for one queued rule event: the item, its copies
 // of the strings (the tag only with arrays), and SafeArrayCopy of each of the
