@@ -92,7 +92,7 @@ public:
         return sqlite3_open_v2(omktest::ToUtf8(database).c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
                sqlite3_exec(db_, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr) == SQLITE_OK &&
                sqlite3_exec(db_, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr) == SQLITE_OK &&
-               sqlite3_prepare_v2(db_, "INSERT INTO alerts VALUES(?1, ?2, ?3)", -1, &insert_, nullptr) == SQLITE_OK;
+               sqlite3_prepare_v2(db_, "INSERT INTO alerts(creation_time, xml, stored_utc) VALUES(?1, ?2, ?3)", -1, &insert_, nullptr) == SQLITE_OK;
     }
     ~Floor() {
         sqlite3_finalize(insert_);
