@@ -69,11 +69,13 @@ std::string FreshTree(IXMLDOMDocument* doc, const wchar_t* xpath, long i) {
     return text;
 }
 
-// True when `text` loads; the document and the apartment are given back either way.
+// True when `text` loads; the document and the apartment are given back either
+// way. The thread's reused check document finds the same, whatever it held.
 bool Loads(const wchar_t* text) {
     IXMLDOMDocument* doc = LoadXML(text);
     ReleaseXML(doc);
     CoUninitialize();
+    EXPECT_EQ(doc != nullptr ? 1 : 0, CheckXML(text)) << (text != nullptr ? omktest::ToUtf8(text) : "null");
     return doc != nullptr;
 }
 
@@ -86,6 +88,8 @@ TEST(LoadXml, OnlyAWholeWidenedByteOrderMarkIsSkippedAndBadTextIsSilentlyRefused
         EXPECT_FALSE(Loads(text)) << omktest::ToUtf8(text);
     }
     EXPECT_FALSE(Loads(nullptr));
+    EXPECT_TRUE(Loads(L"<Tolvane/>"));
+    ReleaseThreadXML();
     EXPECT_EQ("", log.Since()) << "the caller reports a refused text";
 
     std::thread([] {  // a thread of its own, so that its COM state starts clean
@@ -93,11 +97,22 @@ TEST(LoadXml, OnlyAWholeWidenedByteOrderMarkIsSkippedAndBadTextIsSilentlyRefused
         EXPECT_TRUE(ComStillInitialised()) << "a failed parse still entered the apartment";
         CoUninitialize();
         EXPECT_FALSE(ComStillInitialised());
+        // The thread's check document and a selection cached on a document
+        // released without ReleaseXML stay in the apartment until given back.
+        EXPECT_EQ(1, CheckXML(L"<a/>"));
+        IXMLDOMDocument* doc = LoadXML(L"<a/>");
+        unsigned int count = 0;
+        EXPECT_EQ(1, GetNumInstancesInXml(doc, L"/a", &count));
+        doc->Release();
+        CoUninitialize();
+        ReleaseThreadXML();
+        EXPECT_FALSE(ComStillInitialised());
         ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED));
         EXPECT_EQ(nullptr, LoadXML(L"<a/>"));
+        EXPECT_EQ(0, CheckXML(L"<a/>"));
         CoUninitialize();
     }).join();
-    EXPECT_EQ(Strings{"LoadXML: CoInitializeEx failed 0x80010106"}, log.Messages());
+    EXPECT_EQ(Strings(2, "LoadXML: CoInitializeEx failed 0x80010106"), log.Messages());
 }
 
 // Whatever happened to documents between calls, a cached selection reads what
