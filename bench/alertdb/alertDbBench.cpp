@@ -25,6 +25,7 @@
 #include "omkDb.h"
 #include "omkErrors.h"
 #include "sqlite3.h"
+#include "xmlAccess.h"
 
 namespace {
 
@@ -188,6 +189,7 @@ int wmain(int argc, wchar_t** argv) {
         printf("%8u  %28.3f  %28.3f  %14.2f\n", records, f, a, a / f);
     }
     FreeSqliteLib();
+    ReleaseThreadXML();
     RemoveDatabase(floorPath);
     RemoveDirectoryW(folder.c_str());
     SetEvent(stop);
