@@ -189,7 +189,6 @@ int CheckXML(const wchar_t* text) {
 }
 
 void ReleaseThreadXML() {
-    for (CachedSelection& slot : t_selections) Forget(slot);
     if (t_checkDocument == nullptr) return;
     t_checkDocument->Release();
     t_checkDocument = nullptr;

@@ -39,9 +39,8 @@ IXMLDOMDocument* ReloadXML(IXMLDOMDocument** reusable, const wchar_t* text);
 // stays in it, for the document, until ReleaseThreadXML.
 int CheckXML(const wchar_t* text);
 
-// Gives back what this layer keeps for the calling thread: its check document
-// with its apartment entry, and the cached selections (each document keeps
-// the caller's own reference). Called by the thread itself before it ends.
+// Gives back the calling thread's check document and its apartment entry.
+// Called by the thread itself before it ends; a later check makes a new one.
 void ReleaseThreadXML();
 
 // Forgets the cached selection of `doc` and releases the caller's reference

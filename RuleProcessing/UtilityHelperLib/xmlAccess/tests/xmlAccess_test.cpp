@@ -88,7 +88,6 @@ TEST(LoadXml, OnlyAWholeWidenedByteOrderMarkIsSkippedAndBadTextIsSilentlyRefused
         EXPECT_FALSE(Loads(text)) << omktest::ToUtf8(text);
     }
     EXPECT_FALSE(Loads(nullptr));
-    EXPECT_TRUE(Loads(L"<Tolvane/>"));
     ReleaseThreadXML();
     EXPECT_EQ("", log.Since()) << "the caller reports a refused text";
 
@@ -97,14 +96,7 @@ TEST(LoadXml, OnlyAWholeWidenedByteOrderMarkIsSkippedAndBadTextIsSilentlyRefused
         EXPECT_TRUE(ComStillInitialised()) << "a failed parse still entered the apartment";
         CoUninitialize();
         EXPECT_FALSE(ComStillInitialised());
-        // The thread's check document and a selection cached on a document
-        // released without ReleaseXML stay in the apartment until given back.
-        EXPECT_EQ(1, CheckXML(L"<a/>"));
-        IXMLDOMDocument* doc = LoadXML(L"<a/>");
-        unsigned int count = 0;
-        EXPECT_EQ(1, GetNumInstancesInXml(doc, L"/a", &count));
-        doc->Release();
-        CoUninitialize();
+        EXPECT_EQ(1, CheckXML(L"<a/>"));  // its document stays in the apartment until given back
         ReleaseThreadXML();
         EXPECT_FALSE(ComStillInitialised());
         ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED));
