@@ -178,7 +178,9 @@ int ExportCommand(const Options& options) {
     std::string problem;
     const bool read = ForEachRecord(ALERT_DB_NEWEST_FIRST, since, &problem, [&](const ALERT_DB_ROW& row) {
         StoredAlert stored = FromRow(row);
-        if (!parser.Parse(row.xml, row.xmlBytes, &stored)) {
+        // The XML form needs the document whole, not its fields.
+        if (format == 'x' ? !parser.IsAlertDocument(row.xml, row.xmlBytes)
+                          : !parser.Parse(row.xml, row.xmlBytes, &stored)) {
             ComplainNotXml(row);
             notXml = true;
             return true;

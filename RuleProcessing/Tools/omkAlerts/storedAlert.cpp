@@ -122,15 +122,17 @@ bool AlertParser::Load(IXMLDOMDocument** doc, const std::wstring& text) {
     return loaded != nullptr;
 }
 
+bool AlertParser::IsAlertDocument(const char* utf8, size_t bytes) {
+    unsigned int roots = 0;
+    return Load(&record_, FromUtf8(std::string(utf8, bytes))) &&
+           GetNumInstancesInXml(record_, L"/TolvaneAlerts", &roots) && roots == 1;
+}
+
 bool AlertParser::Parse(const char* utf8, size_t bytes, StoredAlert* alert) {
     alert->serviceTag.clear();
     alert->alerts.clear();
-    unsigned int roots = 0, count = 0;
-    if (!Load(&record_, FromUtf8(std::string(utf8, bytes))) ||
-        !GetNumInstancesInXml(record_, L"/TolvaneAlerts", &roots) || roots != 1 ||
-        !GetNumInstancesInXml(record_, L"/TolvaneAlerts/Alert", &count)) {
-        return false;
-    }
+    unsigned int count = 0;
+    if (!IsAlertDocument(utf8, bytes) || !GetNumInstancesInXml(record_, L"/TolvaneAlerts/Alert", &count)) return false;
     alert->serviceTag = ElementText(record_, L"/TolvaneAlerts/ServiceTag");
     for (unsigned int i = 0; i < count; ++i) {
         alert->alerts.emplace_back();

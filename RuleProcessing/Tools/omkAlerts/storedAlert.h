@@ -60,6 +60,8 @@ public:
     // Fills `alert`'s serviceTag and alerts from the UTF-8 text. False when
     // the text is not well-formed XML or has no "TolvaneAlerts" root.
     bool Parse(const char* utf8, size_t bytes, StoredAlert* alert);
+    // Only whether Parse would take the text: well-formed, with that root.
+    bool IsAlertDocument(const char* utf8, size_t bytes);
 
 private:
     bool Load(IXMLDOMDocument** doc, const std::wstring& text);
