@@ -78,7 +78,8 @@ std::string IsoTime(unsigned long long fileTime) {
 }
 
 bool ParseTime(const std::string& text, unsigned long long* fileTime) {
-    if (!text.empty() && text.size() <= 19 && text.find_first_not_of("0123456789") == std::string::npos) {
+    // A FILETIME of this era has 18 digits; a shorter number is more likely a year or date mistyped.
+    if (text.size() >= 15 && text.size() <= 19 && text.find_first_not_of("0123456789") == std::string::npos) {
         *fileTime = _strtoui64(text.c_str(), nullptr, 10);
         return true;
     }

@@ -20,7 +20,7 @@ std::wstring FromUtf8(const std::string& text);
 // A FILETIME number as "YYYY-MM-DDThh:mm:ssZ" (UTC); "" for 0.
 std::string IsoTime(unsigned long long fileTime);
 // "YYYY-MM-DD", "YYYY-MM-DDThh:mm[:ss][Z]" (also with a blank for the T), all
-// UTC, or a FILETIME number; false when the text is none of these.
+// UTC, or a FILETIME number (15 to 19 digits); false when the text is none of these.
 bool ParseTime(const std::string& text, unsigned long long* fileTime);
 // A GUID in upper case with its braces ("{...}"), from a text with or without them.
 std::string NormalGuid(const std::string& text);

@@ -81,14 +81,15 @@ std::vector<std::pair<std::wstring, std::string>> Snapshot(const std::wstring& f
     return files;
 }
 
+// A database of the product's layout, in WAL mode, with `sql` run after the table is made.
 sqlite3* MakeDatabase(const std::wstring& path, const char* sql) {
     sqlite3* db = nullptr;
     sqlite3_open(omktest::ToUtf8(path).c_str(), &db);
     std::string all =
         "PRAGMA journal_mode=WAL; CREATE TABLE alerts(id INTEGER PRIMARY KEY, creation_time INTEGER NOT NULL UNIQUE, "
-        "xml TEXT NOT NULL, "
-        "stored_utc INTEGER NOT NULL);";
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, (all + sql).c_str(), nullptr, nullptr, nullptr)) << sqlite3_errmsg(db);
+        "xml TEXT NOT NULL, stored_utc INTEGER NOT NULL);";
+    all += sql;
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, all.c_str(), nullptr, nullptr, nullptr)) << sqlite3_errmsg(db);
     return db;
 }
 
@@ -96,19 +97,16 @@ sqlite3* MakeDatabase(const std::wstring& path, const char* sql) {
 // with its code and changes nothing in the folder.
 TEST(OmkAlertsTool, BadDatabasesGetAClearMessageAndAnExitCodeAndAreNeverWritten) {
     omktest::TempFolder folder;
-    const std::wstring db = folder.File(L"alerts.db");
-    const std::wstring holder = folder.File(L"held.db");
-    const std::string goodXml =
-        "<?xml version=\"1.0\"?><TolvaneAlerts><ServiceTag>T</ServiceTag><Alert><AlertId>{A}</AlertId>"
-        "</Alert></TolvaneAlerts>";
-    sqlite3_close(MakeDatabase(folder.File(L"notxml.db"), ("INSERT INTO alerts VALUES(1, 300, 'caf\xC3\xA9 & <', 1),"
-                                                           "(2, 200, '" +
-                                                           goodXml + "', 2);")
-                                                              .c_str()));
+    // A stored text that is no XML, created after a well-formed one.
+    const std::string records =
+        "INSERT INTO alerts VALUES(1, 133590250000000000, 'caf\xC3\xA9 & <', 1), (2, 133590240000000000, '<?xml "
+        "version=\"1.0\"?><TolvaneAlerts><ServiceTag>T</ServiceTag><Alert><AlertId>{A}</AlertId></Alert>"
+        "</TolvaneAlerts>', 2);";
+    sqlite3_close(MakeDatabase(folder.File(L"notxml.db"), records.c_str()));
     omktest::WriteFileBytes(folder.File(L"empty.db"), "");
     omktest::WriteFileBytes(folder.File(L"corrupt.db"), std::string(8192, '#'));
     // A writer that keeps the file locked while the tool runs.
-    sqlite3* writer = MakeDatabase(holder,
+    sqlite3* writer = MakeDatabase(folder.File(L"held.db"),
                                    "PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE; "
                                    "INSERT INTO alerts VALUES(1, 1, 'x', 1);");
     const struct {
@@ -121,10 +119,11 @@ TEST(OmkAlertsTool, BadDatabasesGetAClearMessageAndAnExitCodeAndAreNeverWritten)
         {L"export --format json --db corrupt.db", 3, "cannot read the alert database: opening "},
         {L"doctor --db corrupt.db", 1, "(file is not a database)"},
         {L"list --db held.db", 3, "failed 5 (database is locked)"},
-        {L"list --db notxml.db", 1, "the alert created 1601-01-01T00:00:00Z (300) is not well-formed alert XML"},
-        {L"export --format xml --db notxml.db", 1, "(300) is not well-formed alert XML; see its text with: omk-alerts"},
-        {L"show 300 --db notxml.db", 1, "its stored text is not well-formed alert XML"},
-        {L"show 400 --db notxml.db", 1, "no stored alert was created at "},
+        {L"list --db notxml.db", 1, "the alert created 2024-05-01T08:16:40Z (133590250000000000) is not well-formed"},
+        {L"export --format xml --db notxml.db", 1, "; see its text with: omk-alerts show 133590250000000000"},
+        {L"show 133590250000000000 --db notxml.db", 1, "its stored text is not well-formed alert XML"},
+        {L"show 2024-05-01T08:00:01Z --db notxml.db", 1, "no stored alert was created at 2024-05-01T08:00:01Z"},
+        {L"list --since 2024 --db notxml.db", 2, "--since 2024 is no time"},
         {L"show yesterday --db notxml.db", 2, "yesterday is neither a creation time"},
     };
     const auto before = Snapshot(folder.Path());
