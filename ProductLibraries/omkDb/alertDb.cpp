@@ -219,7 +219,7 @@ int OpenReadWrite(const std::wstring& path, bool create, std::string& message) {
     return rc;
 }
 
-// Whether the file's header says WAL mode (file format versions 2).
+// Whether the file's header says WAL mode (both file format version bytes 2).
 bool IsWalFile(const std::wstring& path) {
     HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                               nullptr, OPEN_EXISTING, 0, nullptr);
