@@ -39,3 +39,22 @@ function(omk_add_test name)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT}
     FAIL_REGULAR_EXPRESSION "Unhandled exception|wine: Unhandled")
 endfunction()
+
+# Header-only libraries from the host's Debian packages, named by their folder
+# under /usr/include (CLI for libcli11-dev, nlohmann for nlohmann-json3-dev).
+# /usr/include itself never reaches a target's include path, where its C
+# headers would shadow mingw's: a build folder holding only links to these
+# folders is used instead.
+function(omk_use_host_headers target)
+  set(dir ${CMAKE_BINARY_DIR}/host-include)
+  foreach(library ${ARGN})
+    if(NOT EXISTS /usr/include/${library})
+      message(FATAL_ERROR "/usr/include/${library} is missing: scripts/test installs it (OMK_PACKAGES)")
+    endif()
+    if(NOT EXISTS ${dir}/${library})
+      file(MAKE_DIRECTORY ${dir})
+      file(CREATE_LINK /usr/include/${library} ${dir}/${library} SYMBOLIC)
+    endif()
+  endforeach()
+  target_include_directories(${target} SYSTEM PRIVATE ${dir})
+endfunction()

@@ -13,7 +13,7 @@ DWORD g_numActionPlugins = 0;
 
 namespace {
 
-const wchar_t kActionPluginKey[] = L"Software\\Varn Inc.\\Orlemark\\ActionPlugin";
+const wchar_t* const kActionPluginKey = OMK_ACTION_PLUGIN_KEY;
 
 // Where the table loops report a missing slot.
 constexpr char kSourceFile[] = "actionPlugin.cpp";

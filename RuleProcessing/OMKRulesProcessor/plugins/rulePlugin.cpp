@@ -13,7 +13,7 @@ DWORD g_numRulePlugins = 0;
 
 namespace {
 
-const wchar_t kRulePluginKey[] = L"Software\\Varn Inc.\\Orlemark\\RulePlugin";
+const wchar_t* const kRulePluginKey = OMK_RULE_PLUGIN_KEY;
 
 // Where the table loops report a missing slot (source name and lines as the
 // service's diagnostics have always named them).

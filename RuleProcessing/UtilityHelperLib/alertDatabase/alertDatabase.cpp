@@ -19,8 +19,8 @@ namespace {
 
 constexpr DWORD kEventAllAccess = 0x1F0003;
 
-// Reads the file and checks it loads as XML; returns its UTF-8 bytes (counted
-// in g_allocCount) or null after reporting.
+}  // namespace
+
 char* ReadValidateXmlFile(const wchar_t* path) {
     char* bytes = ReadMultiByteUtf8File(path);
     if (bytes == nullptr) {
@@ -47,6 +47,8 @@ char* ReadValidateXmlFile(const wchar_t* path) {
     }
     return bytes;
 }
+
+namespace {
 
 // Stores the alert. The trim that CheckMaxAlerts makes after it is made in
 // the store's own commit already (one synced commit per alert instead of

@@ -26,6 +26,11 @@ int AddToAlertDb(const wchar_t* alertFolder, DWORD reserved, DWORD removeXml, DW
 // after the last '_' of an alert file name; 0 when there is none.
 ULONGLONG GetCreationTimeStampFromAlertFileName(const wchar_t* fileName);
 
+// Reads an alert file and checks that it loads as XML (a value with "&" or
+// "<" makes it fail). Its UTF-8 bytes, counted in g_allocCount and freed by
+// the caller with free(), or null after reporting why.
+char* ReadValidateXmlFile(const wchar_t* path);
+
 // Deletes the oldest (by file-system creation time) of this machine's alert
 // files in `alertFolder` when there are more than `maxFiles`; one per call.
 void CheckMaxAlertFiles(DWORD maxFiles, const wchar_t* alertFolder);
