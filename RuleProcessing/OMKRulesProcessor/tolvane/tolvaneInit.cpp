@@ -63,18 +63,7 @@ void CloseAlertGeneratedEvent() {
     g_alertGeneratedEvent = nullptr;
 }
 
-DWORD Tolvane_Init() {
-    InitWorkQueueLock();
-
-    // Without a failure code the engine runs on without the event.
-    if (CreateAlertGeneratedEvent() != 0) return 1;
-
-    if (!InitSqliteLib()) {
-        OMK_ReportError(0, L"Tolvane_Init: InitSqliteLib failed");
-        return 1;
-    }
-    g_sqliteReady = 1;
-
+DWORD Tolvane_LoadDefinitions() {
     DWORD status = LoadRulePlugins();
     if (status != 0) {
         OMK_ReportError(0, L"Tolvane_Init: LoadRulePlugins failed 0x%x", status);
@@ -97,6 +86,23 @@ DWORD Tolvane_Init() {
         return status;
     }
     g_rulesLoaded = 1;
+    return 0;
+}
+
+DWORD Tolvane_Init() {
+    InitWorkQueueLock();
+
+    // Without a failure code the engine runs on without the event.
+    if (CreateAlertGeneratedEvent() != 0) return 1;
+
+    if (!InitSqliteLib()) {
+        OMK_ReportError(0, L"Tolvane_Init: InitSqliteLib failed");
+        return 1;
+    }
+    g_sqliteReady = 1;
+
+    DWORD status = Tolvane_LoadDefinitions();
+    if (status != 0) return status;
 
     status = InitRulePlugins();
     if (status != 0) {
