@@ -14,6 +14,9 @@ DWORD g_numRules = 0;
 unsigned int MaxAlertFiles = DEFAULT_MAX_ALERT_FILES;
 unsigned int removeAlertFiles = 0;
 wchar_t* g_ruleFileText = nullptr;
+#ifdef OMK_REPLAY_SEAMS
+void (*g_replayRuleObserver)(int ruleIndex, const RULE* rule) = nullptr;
+#endif
 
 namespace {
 
@@ -575,6 +578,9 @@ DWORD ParseRuleDefinitions(const wchar_t* text) {
         }
         RULE* rule = ParseRule(static_cast<int>(i), ruleXml);
         SysFreeString(ruleXml);
+#ifdef OMK_REPLAY_SEAMS
+        if (g_replayRuleObserver != nullptr) g_replayRuleObserver(static_cast<int>(i), rule);
+#endif
         if (rule == nullptr) continue;
         *tail = rule;
         tail = &rule->next;
