@@ -13,6 +13,9 @@
 #include "workQueue.h"
 
 HANDLE g_alertGeneratedEvent = nullptr;
+#ifdef OMK_REPLAY_SEAMS
+const wchar_t* g_replayAlertEventName = OMK_ALERT_GENERATED_EVENT_NAME;
+#endif
 
 namespace {
 
@@ -46,7 +49,7 @@ DWORD CreateAlertGeneratedEvent() {
     }
     // The descriptor is kept for the life of the process, as the event is.
     SECURITY_ATTRIBUTES attributes = {sizeof(attributes), descriptor, FALSE};
-    HANDLE event = CreateEventW(&attributes, FALSE, FALSE, OMK_ALERT_GENERATED_EVENT_NAME);
+    HANDLE event = CreateEventW(&attributes, FALSE, FALSE, OMK_ALERT_EVENT_NAME_IN_USE);
     if (event == nullptr || event == INVALID_HANDLE_VALUE) {
         DWORD error = GetLastError();
         OMK_ReportError(0, L"%hs: CreateEventW() err=%lu", "CreateAlertGeneratedEvent", error);
