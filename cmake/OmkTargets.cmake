@@ -34,3 +34,21 @@ function(omk_add_test name)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT}
     FAIL_REGULAR_EXPRESSION "Unhandled exception|wine: Unhandled")
 endfunction()
+
+# CLI11 and nlohmann-json, header-only host packages (libcli11-dev,
+# nlohmann-json3-dev), for a target's own sources. /usr/include itself must
+# never be on a target's include path (it would hide mingw's C headers): the
+# target gets a folder of the build holding links to those two alone.
+function(omk_use_host_headers target)
+  set(dir ${CMAKE_BINARY_DIR}/hostHeaders)
+  foreach(name CLI nlohmann)
+    if(NOT EXISTS /usr/include/${name})
+      message(FATAL_ERROR "/usr/include/${name} is missing: install libcli11-dev and nlohmann-json3-dev")
+    endif()
+    if(NOT EXISTS ${dir}/${name})
+      file(MAKE_DIRECTORY ${dir})
+      file(CREATE_LINK /usr/include/${name} ${dir}/${name} SYMBOLIC)
+    endif()
+  endforeach()
+  target_include_directories(${target} SYSTEM PRIVATE ${dir})
+endfunction()
