@@ -80,8 +80,9 @@ bool RuleAppliesToPlatform(const wchar_t* platform);
 // Replay builds only (omk-rules). The rule file Tolvane_LoadRuleDefinitions
 // reads instead of the install folder's "insvcAlerts.xml", when set.
 extern const wchar_t* g_replayRuleFile;
-// Called by ParseRuleDefinitions after each "/Tolvane/Rule" element, with its
-// number and the rule added (null when it was dropped), so that the reasons
-// logged for each rule can be told apart. The rule may be freed later.
-extern void (*g_replayRuleObserver)(int ruleIndex, const RULE* rule);
+// Called by ParseRuleDefinitions around each "/Tolvane/Rule" element: before
+// it (`parsed` false, no rule) and after it, with the rule added (null when
+// it was dropped), so that the reasons logged for each rule can be told
+// apart. The rule may be freed later.
+extern void (*g_replayRuleObserver)(int ruleIndex, bool parsed, const RULE* rule);
 #endif
