@@ -285,8 +285,10 @@ std::string EventText(const json& event) {
 void PrintText(const json& result) {
     const json& start = result["start"];
     std::string out = "sandbox: " + result["out"].get<std::string>() + "\nclock: " + result["clock"].get<std::string>() +
-                      "\nengine: G_STATUS " + Text(start.value("status", json())) + " (" +
-                      start.value("message", "") + ")\n";
+                      "\nengine: " +
+                      (start.contains("error") ? "did not start: " + Text(start["error"])
+                                               : "G_STATUS " + Text(start["status"]) + " (" + Text(start["message"]) + ")") +
+                      "\n";
     for (const json& rule : start.value("rules", json::array())) {
         out += "  rule " + Text(rule["index"]) + " " + Text(rule["name"]) +
                (rule["accepted"].get<bool>() ? ": loaded\n" : ": dropped: " + Text(rule["reason"]) + "\n");
@@ -299,7 +301,7 @@ void PrintText(const json& result) {
             continue;
         }
         out += ": " + EventText(entry["event"]) + " at " + Text(entry["at"]) + "\n";
-        for (const char* failure : {"fault", "timeout", "skipped"}) {
+        for (const char* failure : {"fault", "timeout", "restartFailure", "skipped"}) {
             if (entry.contains(failure)) out += "  " + std::string(failure) + ": " + Text(entry[failure]) + "\n";
         }
         if (entry.value("queued", true) == false) out += "  not queued: HRESULT " + Text(entry["hresult"]) + "\n";
@@ -353,7 +355,8 @@ int RunReplay(const REPLAY_OPTIONS& options) {
     }
     const std::wstring rules = FullPath(options.rules);
     std::error_code failure;
-    if (!fs::is_regular_file(rules, failure) || rules.size() > 260) return Usage("cannot read " + options.rules);
+    if (!fs::is_regular_file(rules, failure)) return Usage("cannot read " + options.rules);
+    if (rules.size() > 260) return Usage("the rule file's path is longer than the 260 characters the service reads");
     std::vector<EVENTS_FILE_LINE> lines;
     if (!ReadEventsFile(FullPath(options.events), &lines, &error)) return Usage(error);
     for (const EVENTS_FILE_LINE& line : lines) {
@@ -390,33 +393,34 @@ int RunReplay(const REPLAY_OPTIONS& options) {
     json summary = {{"replayed", 0}, {"stored", 0}, {"badLines", 0}, {"faults", 0}, {"timeouts", 0}};
     const std::wstring commandLine = WorkerCommandLine(options, rules, sandbox.Folder(), offset);
     const DWORD timeoutMs = options.timeoutSeconds * 1000;
-    auto worker = std::make_unique<Worker>();
+    std::unique_ptr<Worker> worker;
     bool running = false;
-    // Starts a worker; false (with the reason in `result`) when the engine does not run.
+    // Starts a worker and waits for its engine: the start record, or why there is none.
     auto start = [&]() {
         worker = std::make_unique<Worker>();
         json message;
         bool timedOut = false;
-        if (!worker->Start(commandLine)) {
-            result["start"] = {{"error", "cannot start " + Utf8(commandLine)}};
-        } else if (!worker->Next(&message, timeoutMs, &timedOut) || message.value("type", "") != "start") {
-            const std::string call = worker->LastCall().empty() ? "engine start-up" : worker->LastCall();
-            result["start"] = {{"error", timedOut ? "no answer within the time-out from " + call
-                                                  : message.value("type", "") == "fault"
-                                                        ? "fault " + Text(message["code"]) + " in " + Text(message["call"])
-                                                        : "the engine process ended (exit code " +
-                                                              std::to_string(worker->Stop(timeoutMs)) + ")"}};
-        } else {
-            if (!result.contains("start")) result["start"] = message;
-            result["serviceTag"] = message.value("serviceTag", "");
+        if (!worker->Start(commandLine)) return json({{"error", "cannot start " + Utf8(commandLine)}});
+        if (worker->Next(&message, timeoutMs, &timedOut) && message.value("type", "") == "start") {
             running = message.value("status", 1) == 0 && !message.contains("error");
-            if (!running) result["start"] = message;
-            return running;
+            return message;
         }
         running = false;
-        return false;
+        const std::string call = worker->LastCall().empty() ? "engine start-up" : worker->LastCall();
+        if (timedOut) return json({{"error", "no answer within the time-out from " + call}});
+        if (message.value("type", "") == "fault") {
+            return json({{"error", "exception " + Text(message["code"]) + " in " + Text(message["call"])}});
+        }
+        return json({{"error", "the engine process ended (exit code " + std::to_string(worker->Stop(timeoutMs)) + ")"}});
     };
-    start();
+    // After a fault or a time-out the next event gets a new engine.
+    auto restart = [&](json* entry) {
+        json again = start();
+        (*entry)["restarted"] = running;
+        if (!running) (*entry)["restartFailure"] = again.contains("error") ? again["error"] : again;
+    };
+    result["start"] = start();
+    result["serviceTag"] = result["start"].value("serviceTag", "");
     ULONGLONG at = clock;
     for (const EVENTS_FILE_LINE& line : lines) {
         json entry = {{"line", line.number}};
@@ -446,14 +450,14 @@ int RunReplay(const REPLAY_OPTIONS& options) {
                                (worker->LastCall().empty() ? "the engine" : worker->LastCall());
             summary["timeouts"] = summary["timeouts"].get<int>() + 1;
             worker->Stop(0);
-            entry["restarted"] = start();
+            restart(&entry);
         } else {
             DWORD code = worker->Stop(timeoutMs);
             entry["fault"] = message.value("type", "") == "fault"
                                  ? "exception " + Text(message["code"]) + " in " + Text(message["call"])
                                  : "the engine process ended with exit code " + std::to_string(code);
             summary["faults"] = summary["faults"].get<int>() + 1;
-            entry["restarted"] = start();
+            restart(&entry);
         }
         result["results"].push_back(entry);
     }
