@@ -40,20 +40,19 @@ function(omk_add_test name)
     FAIL_REGULAR_EXPRESSION "Unhandled exception|wine: Unhandled")
 endfunction()
 
-# Header-only libraries from the host's Debian packages, named by their folder
-# under /usr/include (CLI for libcli11-dev, nlohmann for nlohmann-json3-dev).
-# /usr/include itself never reaches a target's include path, where its C
-# headers would shadow mingw's: a build folder holding only links to these
-# folders is used instead.
+# CLI11 and nlohmann-json, header-only host packages (libcli11-dev,
+# nlohmann-json3-dev), for a target's own sources. /usr/include itself must
+# never be on a target's include path (its C headers would hide mingw's): the
+# target gets a folder of the build holding links to those two alone.
 function(omk_use_host_headers target)
   set(dir ${CMAKE_BINARY_DIR}/host-include)
-  foreach(library ${ARGN})
-    if(NOT EXISTS /usr/include/${library})
-      message(FATAL_ERROR "/usr/include/${library} is missing: scripts/test installs it (OMK_PACKAGES)")
+  foreach(name CLI nlohmann)
+    if(NOT EXISTS /usr/include/${name})
+      message(FATAL_ERROR "/usr/include/${name} is missing: scripts/test installs it (OMK_PACKAGES)")
     endif()
-    if(NOT EXISTS ${dir}/${library})
+    if(NOT EXISTS ${dir}/${name})
       file(MAKE_DIRECTORY ${dir})
-      file(CREATE_LINK /usr/include/${library} ${dir}/${library} SYMBOLIC)
+      file(CREATE_LINK /usr/include/${name} ${dir}/${name} SYMBOLIC)
     endif()
   endforeach()
   target_include_directories(${target} SYSTEM PRIVATE ${dir})

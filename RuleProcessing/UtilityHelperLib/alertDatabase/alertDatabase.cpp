@@ -86,7 +86,7 @@ void CheckMaxAlerts(DWORD maxAlerts) {
 }
 
 void SignalAlertGeneratedEvent() {
-    HANDLE event = OpenEventW(kEventAllAccess, FALSE, OMK_ALERT_GENERATED_EVENT_NAME);
+    HANDLE event = OpenEventW(kEventAllAccess, FALSE, OMK_ALERT_EVENT_NAME_IN_USE);
     if (event == nullptr) {
         OMK_ReportError(0, L"%hs(): OpenEventW() err=%lu", "SignalAlertGeneratedEvent", GetLastError());
         return;

@@ -15,6 +15,17 @@ extern wchar_t g_alertFileName[OMK_ALERT_FILE_NAME_CHARS];
 // Name of the machine-wide event set after each stored alert.
 extern const wchar_t OMK_ALERT_GENERATED_EVENT_NAME[];
 
+#ifdef OMK_REPLAY_SEAMS
+// Replay builds only (omk-rules): the name engine start-up creates the
+// alert-generated event under and each stored alert signals. A replay sets a
+// session-local name of its own, so that no replayed alert reaches the
+// machine's other processes.
+extern const wchar_t* g_replayAlertEventName;
+#define OMK_ALERT_EVENT_NAME_IN_USE g_replayAlertEventName
+#else
+#define OMK_ALERT_EVENT_NAME_IN_USE OMK_ALERT_GENERATED_EVENT_NAME
+#endif
+
 // Stores "<alertFolder>\<g_alertFileName>" under the creation time in its
 // name, deletes the file when `removeXml` (else keeps at most `maxAlerts`
 // files), trims the database to `maxAlerts` records and sets the
