@@ -1,6 +1,7 @@
-// omkTolvaneReg run as the installer runs it, against the test host that
-// carries the type library; the registry of the test prefix is read back.
-// Calls through these keys are the COM server's and the installed service's tests.
+// omkTolvaneReg run as the installer runs it, on the service's executable,
+// which carries the type library; the registry of the test prefix is read
+// back. Calls through these keys are the COM server's and the installed
+// service's tests.
 #include <gtest/gtest.h>
 
 #include <stdio.h>
@@ -15,7 +16,7 @@ const std::wstring kClassKey = L"Software\\Classes\\CLSID\\{C15D8E37-7F24-4A9B-9
 const std::wstring kAppIdKey = L"Software\\Classes\\AppID\\{C15D8E37-7F24-4A9B-9E61-08B3F4A2D5C7}";
 const std::wstring kTypeLibKey = L"Software\\Classes\\TypeLib\\{6E2B90D4-1A7C-4E35-B8F2-3C9D05A7E1B6}";
 const std::wstring kInterfaceKey = L"Software\\Classes\\Interface\\{9A47C1E2-3B58-4D6F-A0C4-E51F2D8B7C93}";
-const std::wstring kHost = omktest::ProgramFolder() + L"\\tolvaneTestHost.exe";
+const std::wstring kHost = omktest::ProgramFolder() + L"\\OMKRulesProcessor.exe";
 
 using omktest::RegKeyExists;
 using omktest::RegString;
