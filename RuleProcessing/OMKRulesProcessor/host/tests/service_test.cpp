@@ -32,6 +32,10 @@ bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
+void ExpectLines(const std::string& log, std::initializer_list<const char*> lines) {
+    for (const char* line : lines) EXPECT_TRUE(Contains(log, line)) << line << "\n" << log;
+}
+
 class Service : public ::testing::Test {
 protected:
     // The package starts the service; every case starts from a stopped one.
@@ -136,12 +140,9 @@ TEST_F(Service, ServesHostileCallsAndReportsItsStates) {
     EXPECT_EQ(12000u, status.dwWaitHint);
     ASSERT_TRUE(service_.WaitForState(SERVICE_STOPPED, 15000)) << "a stop completes within its wait hint";
     EXPECT_EQ(0u, service_.Status().dwWin32ExitCode);
-    const std::string log = LogSince();
-    for (const char* line :
-         {"OMKRulesProcessor is running!", "OMKRulesProcessor process arguments (-debug) aren't allowed!",
-          "ServiceCtrlHandlerEx(SERVICE_CONTROL_STOP) ...", "OMKRulesProcessor 1.0.0 has stopped."}) {
-        EXPECT_TRUE(Contains(log, line)) << line << "\n" << log;
-    }
+    ExpectLines(LogSince(),
+                {"OMKRulesProcessor is running!", "OMKRulesProcessor process arguments (-debug) aren't allowed!",
+                 "ServiceCtrlHandlerEx(SERVICE_CONTROL_STOP) ...", "OMKRulesProcessor 1.0.0 has stopped."});
 }
 
 TEST_F(Service, ARuleFileThatDoesNotParseStopsTheServiceWithExitCode1) {
@@ -149,9 +150,8 @@ TEST_F(Service, ARuleFileThatDoesNotParseStopsTheServiceWithExitCode1) {
     ASSERT_TRUE(service_.Start()) << GetLastError();
     EXPECT_TRUE(service_.WaitForState(SERVICE_STOPPED));
     EXPECT_EQ(1u, service_.Status().dwWin32ExitCode);
-    std::string log = LogSince();
-    EXPECT_TRUE(Contains(log, "Tolvane_Init: Tolvane_LoadRuleDefinitions failed - G_STATUS 0x7")) << log;
-    EXPECT_TRUE(Contains(log, "ServiceMain(): Tolvane_Init() & CreateThread(TolvaneThreadProc) gStat=7")) << log;
+    ExpectLines(LogSince(), {"Tolvane_Init: Tolvane_LoadRuleDefinitions failed - G_STATUS 0x7",
+                             "ServiceMain(): Tolvane_Init() & CreateThread(TolvaneThreadProc) gStat=7"});
 }
 
 // A test rule plugin registered beside the product's, asked about a summary
@@ -206,10 +206,9 @@ TEST_F(ServiceWithTestPlugin, AnEventDuringStartUpIsHandledAndAnEngineTooSlowToS
     EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), WaitForSingleObject(process, 10000));
     CloseHandle(process);
 
-    const std::string log = LogSince();
-    EXPECT_TRUE(Contains(log, "StopTolvaneThread(): WaitForSingleObject(g_TolvaneThreadHandle) err=258")) << log;
-    EXPECT_TRUE(Contains(log, "Tolvane_Term: engine thread still running, plugins left loaded")) << log;
-    EXPECT_TRUE(Contains(log, "OMKRulesProcessor 1.0.0 has stopped.")) << log;
+    ExpectLines(LogSince(), {"StopTolvaneThread(): WaitForSingleObject(g_TolvaneThreadHandle) err=258",
+                             "Tolvane_Term: engine thread still running, plugins left loaded",
+                             "OMKRulesProcessor 1.0.0 has stopped."});
     EXPECT_EQ((std::vector<std::string>{"ruleA.dll Rule_Initialize", "ruleA.dll Rule_Triggered"}), Calls())
         << "no close entry point, no unloading, nothing after the time-out";
     EXPECT_EQ(1u, svctest::AlertsStoredAfter(latest).size()) << "the event queued behind was dropped";
@@ -242,13 +241,13 @@ TEST_F(ServiceWithTestPlugin, AnAccessViolationOnTheEngineThreadIsLoggedAndDumpe
     CloseHandle(process);
 
     const std::string log = LogSince();
-    EXPECT_TRUE(Contains(log, "OMKExceptionFilter: EXCEPTION Code 0xc0000005, Flags 0x0, Address ")) << log;
-    // An access violation has two parameters: the write flag and the address written.
-    EXPECT_TRUE(Contains(log, "OMKExceptionFilter: EXCEPTION Parameter/Argument[0] = 0000000000000001")) << log;
-    EXPECT_TRUE(Contains(log, "OMKExceptionFilter: EXCEPTION Parameter/Argument[1] = 0000000000000010")) << log;
+    // An access violation has two parameters: the write flag and the address
+    // written. The last line's argument list is short of its placeholder.
+    ExpectLines(log, {"OMKExceptionFilter: EXCEPTION Code 0xc0000005, Flags 0x0, Address ",
+                      "OMKExceptionFilter: EXCEPTION Parameter/Argument[0] = 0000000000000001",
+                      "OMKExceptionFilter: EXCEPTION Parameter/Argument[1] = 0000000000000010",
+                      "OMKExceptionFilter: User-mode minidump has been written to %ls."});
     EXPECT_FALSE(Contains(log, "Parameter/Argument[2]")) << log;
-    // The argument list is short of its placeholder: the log shows it unfilled.
-    EXPECT_TRUE(Contains(log, "OMKExceptionFilter: User-mode minidump has been written to %ls.")) << log;
     const std::string path = "GenetateUserModeMinidumpFilePath: ";
     const size_t at = log.find(path);
     ASSERT_NE(std::string::npos, at) << log;
