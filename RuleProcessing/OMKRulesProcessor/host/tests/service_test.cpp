@@ -93,13 +93,17 @@ TEST_F(Service, ServesHostileCallsAndReportsItsStates) {
                     SysAllocString(L"%s%n%ls%n")};
     SAFEARRAY* names = omktest::BstrArray({L"%s%n%ls", std::wstring(L"a\0b", 3), L"\xD800"}, 5);
     SAFEARRAY* values = omktest::BstrArray({L"%n%n%n%n", std::wstring(L"x\0y", 3), L"\xDC00z"}, 5);
-    SAFEARRAY* record = SafeArrayCreateVector(VT_UI1, 0, 4);
-    memcpy(record->pvData, "\x5A\x01\x64\x00", 4);  // code 4097, sub-code 2, byte 0 at least 90: thermal
     EXPECT_EQ(S_OK, collector.Get()->Tolvane_RuleTriggered(texts[0], texts[1], texts[2], names, values));
-    EXPECT_EQ(S_OK, collector.Get()->Tolvane_PeriodicDataGenerated(4097, 2, 3, record));
     for (BSTR text : texts) SysFreeString(text);
-    for (SAFEARRAY* array : {names, values, record}) SafeArrayDestroy(array);
-    EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"CycleCount", L"4242"));
+    SafeArrayDestroy(names);
+    SafeArrayDestroy(values);
+    // The collector tool: a thermal record (byte 0 at least 90) and the battery
+    // rule, named in other letter case; a rule event needs its GUID.
+    const std::wstring send = L"\"" + kInstall + L"\\tolvane-send.exe\" ";
+    EXPECT_EQ(0u, omktest::RunProcess(send + L"periodic --code 4097 --subcode 2 --hex \"5a 01 64 00\""));
+    EXPECT_EQ(0u, omktest::RunProcess(send + L"rule --plugin omkcollectorrules --guid " +
+                                      L"{6b1d2c3a-8e4f-4a51-9c7d-0e2f3a4b5c61} --tag Battery CycleCount=4242"));
+    EXPECT_NE(0u, omktest::RunProcess(send + L"rule --plugin OMKCollectorRules --tag Battery"));
     std::vector<std::string> alerts;
     EXPECT_TRUE(omktest::WaitFor(
         [&] {
@@ -107,7 +111,7 @@ TEST_F(Service, ServesHostileCallsAndReportsItsStates) {
             return !alerts.empty() && Contains(alerts.back(), "4242");
         },
         120000))
-        << "the newest alert is the well-formed call's";
+        << "the newest alert is the battery rule's";
     const auto thermal = std::find_if(alerts.begin(), alerts.end(), [](const std::string& alert) {
         return Contains(alert, "<RuleGuid>{9A8B7C6D-5E4F-4321-8765-43210FEDCB63}</RuleGuid>");
     });
