@@ -179,7 +179,7 @@ std::wstring AlertFileWith(const std::wstring& archive, const std::string& value
 // export format show it with its fields; doctor finds the file that a value
 // with "&" kept out of the database.
 TEST_F(InstalledProduct, FollowListExportAndDoctorShowWhatTheServiceStored) {
-    ASSERT_TRUE(service_.Start()) << GetLastError();
+    // The package started the service.
     ASSERT_TRUE(service_.WaitForState(SERVICE_RUNNING));
     SYSTEMTIME now;
     GetSystemTime(&now);
