@@ -190,6 +190,9 @@ function(_omk_msi_package target version dir)
   else()
     add_custom_target(${target} DEPENDS ${msi})
   endif()
+  # For generator expressions elsewhere: $<TARGET_PROPERTY:OmkPackage,OMK_PACKAGE_FILE>.
+  get_filename_component(name ${msi} NAME)
+  set_target_properties(${target} PROPERTIES OMK_PACKAGE_FILE ${msi} OMK_PACKAGE_FILE_NAME ${name})
   add_dependencies(${target} OmkPackageFiles ${signTargets})
 endfunction()
 

@@ -59,7 +59,8 @@ inline std::string CollectorRulesFile(int rules) {
     std::string text =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n<Tolvane>\r\n<MaxAlertFiles>30</MaxAlertFiles>\r\n"
         "<CreateXmls>1</CreateXmls>\r\n"
-        "<ActionConfig Type=\"OMKActionLog\"><Log>omkActionLog.txt</Log></ActionConfig>\r\n";
+        "<ActionConfig Type=\"OMKActionLog\"><Log>omkActionLog.txt</Log></ActionConfig>\r\n"
+        "<RuleConfig Type=\"OMKCollectorRules\"><Source>collector</Source></RuleConfig>\r\n";
     for (int i = 0; i < rules; ++i) {
         std::string n = std::to_string(i);
         text += "<Rule Enabled=\"1\" Platform=\"All\" Type=\"OMKCollectorRules\"><Name>Rule " + n +

@@ -11,30 +11,17 @@ namespace omkfuzz {
 const wchar_t kFuzzInstall[] = L"C:\\omkfuzz";
 const wchar_t kDiskRuleGuid[] = L"{0C4E8A21-5F6B-4D7C-8E9F-1A2B3C4D5E62}";
 
-namespace {
-
-// The installer's own lines would fall between the campaigns' figures.
-DWORD RunInstallerQuietly(const wchar_t* action) {
-    HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
-    HANDLE nul = CreateFileW(L"NUL", GENERIC_WRITE, FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
-    SetStdHandle(STD_OUTPUT_HANDLE, nul);
-    const DWORD code = svctest::RunInstaller(action, kFuzzInstall);
-    SetStdHandle(STD_OUTPUT_HANDLE, out);
-    CloseHandle(nul);
-    return code;
-}
-
-}  // namespace
-
 InstalledProduct::InstalledProduct(unsigned maxAlertFiles) {
     omktest::InstallTestRoot();
-    RunInstallerQuietly(L"uninstall");
-    ok_ = RunInstallerQuietly(L"install") == 0;
+    UninstallProduct();
+    ok_ = svctest::RunInstaller(L"install", kFuzzInstall) == 0;
     if (ok_ && maxAlertFiles != 0) {
+        // The package started the service with the sample's limit; it reads the new one at its next start.
+        ok_ = svctest::InstalledService().StopAndWait();
         const std::wstring rules = std::wstring(kFuzzInstall) + L"\\insvcAlerts.xml";
         std::string text = omktest::ReadFileBytes(rules);
         const size_t at = text.find("<MaxAlertFiles>30<");
-        ok_ = at != std::string::npos &&
+        ok_ = ok_ && at != std::string::npos &&
               omktest::WriteFileBytes(rules, text.replace(at + 15, 2, std::to_string(maxAlertFiles)));
     }
 }
@@ -43,7 +30,7 @@ InstalledProduct::~InstalledProduct() {
     if (!keep_) UninstallProduct();
 }
 
-void UninstallProduct() { RunInstallerQuietly(L"uninstall"); }
+void UninstallProduct() { svctest::RunInstaller(L"uninstall", kFuzzInstall); }
 
 Memory ProcessMemory(DWORD processId) {
     Memory memory;

@@ -1,5 +1,5 @@
 // What the campaigns against the installed service share: the product
-// installed by its own installer (through the service tests' driver), the
+// installed by its package (through the service tests' driver), the
 // service's process and memory, its messages, other processes of the same
 // campaign program, and what one queued event costs the service.
 #pragma once
@@ -21,9 +21,10 @@ extern const wchar_t kFuzzInstall[];
 // The rule of the sample file the campaigns report: no limit per boot.
 extern const wchar_t kDiskRuleGuid[];
 
-// Installs the product into kFuzzInstall (removing an earlier installation
-// first) with `maxAlertFiles` in its rule file (0: the sample's own); removes
-// it on destruction.
+// Installs the product's package into kFuzzInstall (removing an earlier
+// installation first), which starts the service; with `maxAlertFiles` (0: the
+// sample's own) the service is stopped and its rule file given that limit.
+// Removes the product on destruction.
 class InstalledProduct {
 public:
     explicit InstalledProduct(unsigned maxAlertFiles = 0);

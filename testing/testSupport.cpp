@@ -69,16 +69,16 @@ ULONGLONG FileSize(const std::wstring& path) {
 }
 
 std::string ToUtf8(const std::wstring& text) {
-    int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string out(static_cast<size_t>(n), '\0');
-    if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
+    std::string out(text.size() * 3, '\0');
+    out.resize(static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                       &out[0], static_cast<int>(out.size()), nullptr, nullptr)));
     return out;
 }
 
 std::wstring FromUtf8(const std::string& text) {
-    int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring out(static_cast<size_t>(n), L'\0');
-    if (n > 0) MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n);
+    std::wstring out(text.size(), L'\0');
+    out.resize(static_cast<size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                       &out[0], static_cast<int>(out.size()))));
     return out;
 }
 
@@ -132,6 +132,23 @@ LONG ScopedRegKey::SetString(const wchar_t* name, const std::wstring& value, DWO
 
 LONG ScopedRegKey::SetDword(const wchar_t* name, DWORD value) {
     return RegSetValueExW(key_, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value));
+}
+
+std::wstring RegString(const std::wstring& key, const wchar_t* name) {
+    wchar_t value[1024] = {};
+    DWORD bytes = sizeof(value) - sizeof(wchar_t);
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_REG_SZ | RRF_RT_REG_MULTI_SZ, nullptr, value,
+                     &bytes) != ERROR_SUCCESS) {
+        return L"<absent>";
+    }
+    return value;
+}
+
+bool RegKeyExists(const std::wstring& key) {
+    HKEY opened = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) return false;
+    RegCloseKey(opened);
+    return true;
 }
 
 std::wstring ProgramFolder() {
@@ -192,10 +209,7 @@ TraceMonitor::TraceMonitor() {
     dataReady_ = CreateEventW(nullptr, FALSE, FALSE, L"DBWIN_DATA_READY");
     view_ = MapViewOfFile(mapping_, FILE_MAP_READ, 0, 0, sizeof(DbwinBuffer));
     stop_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    stallRequest_ = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    stallAck_ = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    if (bufferReady_ != nullptr && dataReady_ != nullptr && view_ != nullptr && stop_ != nullptr &&
-        stallRequest_ != nullptr && stallAck_ != nullptr) {
+    if (bufferReady_ != nullptr && dataReady_ != nullptr && view_ != nullptr && stop_ != nullptr) {
         thread_ = CreateThread(nullptr, 0, ReaderProc, this, 0, nullptr);
     }
 }
@@ -207,7 +221,7 @@ TraceMonitor::~TraceMonitor() {
         CloseHandle(thread_);
     }
     if (view_ != nullptr) UnmapViewOfFile(view_);
-    for (HANDLE handle : {stallAck_, stallRequest_, stop_, dataReady_, bufferReady_, mapping_}) {
+    for (HANDLE handle : {stop_, dataReady_, bufferReady_, mapping_}) {
         if (handle != nullptr) CloseHandle(handle);
     }
 }
@@ -215,30 +229,13 @@ TraceMonitor::~TraceMonitor() {
 DWORD WINAPI TraceMonitor::ReaderProc(LPVOID context) {
     auto* self = static_cast<TraceMonitor*>(context);
     const auto* buffer = static_cast<const DbwinBuffer*>(self->view_);
-    const HANDLE waits[3] = {self->stop_, self->dataReady_, self->stallRequest_};
-    bool armed = false;
+    const HANDLE waits[2] = {self->stop_, self->dataReady_};
     for (;;) {
-        LONG until = self->stallUntil_;
-        bool stalled = until != 0 && static_cast<LONG>(GetTickCount() - static_cast<DWORD>(until)) < 0;
-        if (!stalled && !armed) {
-            SetEvent(self->bufferReady_);
-            armed = true;
-        }
-        DWORD result = WaitForMultipleObjects(3, waits, FALSE, stalled ? 10 : INFINITE);
-        if (result == WAIT_OBJECT_0 + 1) {
-            armed = false;
-            std::string text(buffer->text, strnlen(buffer->text, sizeof(buffer->text)));
-            std::lock_guard<std::mutex> guard(self->lock_);
-            self->lines_.emplace_back(buffer->processId, std::move(text));
-        } else if (result == WAIT_OBJECT_0 + 2) {
-            // Take back the buffer unless a writer already has it; its line
-            // still arrives, later ones wait for the stall to end.
-            ResetEvent(self->bufferReady_);
-            armed = false;
-            SetEvent(self->stallAck_);
-        } else if (result != WAIT_TIMEOUT) {
-            return 0;
-        }
+        SetEvent(self->bufferReady_);
+        if (WaitForMultipleObjects(2, waits, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) return 0;
+        std::string text(buffer->text, strnlen(buffer->text, sizeof(buffer->text)));
+        std::lock_guard<std::mutex> guard(self->lock_);
+        self->lines_.emplace_back(buffer->processId, std::move(text));
     }
 }
 
@@ -261,13 +258,6 @@ std::vector<std::string> TraceMonitor::Matching(const std::string& text, DWORD p
 
 bool TraceMonitor::WaitFor(const std::string& text, size_t count, DWORD timeoutMs, DWORD processId) const {
     return omktest::WaitFor([&] { return Count(text, processId) >= count; }, timeoutMs);
-}
-
-void TraceMonitor::Stall(DWORD ms) {
-    DWORD until = GetTickCount() + ms;
-    InterlockedExchange(&stallUntil_, static_cast<LONG>(until != 0 ? until : 1));
-    SetEvent(stallRequest_);
-    WaitForSingleObject(stallAck_, 5000);
 }
 
 }  // namespace omktest

@@ -80,6 +80,11 @@ private:
     HKEY key_ = nullptr;
 };
 
+// A string value of an HKLM key (a null name: the default value; of a
+// REG_MULTI_SZ the first string), or "<absent>"; and whether a key exists.
+std::wstring RegString(const std::wstring& key, const wchar_t* name = nullptr);
+bool RegKeyExists(const std::wstring& key);
+
 // A one-dimensional SAFEARRAY of BSTR copies of `texts` from `lowerBound` on;
 // the caller destroys it.
 SAFEARRAY* BstrArray(const std::vector<std::wstring>& texts, LONG lowerBound = 0);
@@ -97,7 +102,6 @@ DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000);
 // Reads every process's debugger output (OutputDebugString) as a debugging
 // monitor does, so that trace and assertion lines can be asserted. Only one
 // monitor can exist per session: Active() is false when another one runs.
-// Writers block (up to 10 s) while the monitor is stalled.
 class TraceMonitor {
 public:
     TraceMonitor();
@@ -115,10 +119,6 @@ public:
     }
     // Waits until at least `count` lines of that process contain `text`.
     bool WaitFor(const std::string& text, size_t count, DWORD timeoutMs, DWORD processId = GetCurrentProcessId()) const;
-    // Stops accepting lines for `ms` milliseconds from now: every
-    // OutputDebugString in the session waits meanwhile (a line already being
-    // written still arrives).
-    void Stall(DWORD ms);
 
 private:
     static DWORD WINAPI ReaderProc(LPVOID self);
@@ -128,12 +128,9 @@ private:
     HANDLE mapping_ = nullptr;
     const void* view_ = nullptr;
     HANDLE stop_ = nullptr;
-    HANDLE stallRequest_ = nullptr;
-    HANDLE stallAck_ = nullptr;
     HANDLE thread_ = nullptr;
     mutable std::mutex lock_;
     std::vector<std::pair<DWORD, std::string>> lines_;  // writer's process id, text
-    volatile LONG stallUntil_ = 0;  // GetTickCount value; 0: not stalled
 };
 
 }  // namespace omktest

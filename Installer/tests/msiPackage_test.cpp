@@ -19,7 +19,8 @@
 
 namespace {
 
-using svctest::Collector;
+using omktest::RegKeyExists;
+using omktest::RegString;
 using svctest::InstalledService;
 
 const std::wstring kDefaultFolder = L"C:\\Program Files\\Varn\\Orlemark";
@@ -31,34 +32,11 @@ const std::wstring kInterfaceKey = L"Software\\Classes\\Interface\\{9A47C1E2-3B5
 const std::wstring kRulePluginKey = L"Software\\Varn Inc.\\Orlemark\\RulePlugin\\OMKCollectorRules";
 const std::wstring kActionPluginKey = L"Software\\Varn Inc.\\Orlemark\\ActionPlugin\\OMKActionLog";
 const std::wstring kRememberedFolderKey = L"Software\\Varn Inc.\\Orlemark\\RulesProcessor";
-const char kRecoverySet[] = "omkTolvaneReg: recovery options of OMKRulesProcessor set";
 
+// This build's package, or the one of a higher version made for the upgrade.
 std::wstring Package(const std::wstring& version) {
-    std::wstring folder = omktest::ProgramFolder();
-    if (version == OMK_UPGRADE_VERSION) {
-        std::wstring relative = OMK_UPGRADE_FOLDER;
-        for (wchar_t& c : relative) c = c == L'/' ? L'\\' : c;
-        folder += L"\\" + relative;
-    }
-    return folder + L"\\" OMK_PACKAGE_NAME L"-" + version + L"-x64.msi";
-}
-
-std::wstring Value(const std::wstring& key, const wchar_t* name = nullptr) {
-    wchar_t value[1024] = {};
-    DWORD bytes = sizeof(value) - sizeof(wchar_t);
-    // The first string of a REG_MULTI_SZ.
-    if (RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_REG_SZ | RRF_RT_REG_MULTI_SZ, nullptr, value,
-                     &bytes) != ERROR_SUCCESS) {
-        return L"<absent>";
-    }
-    return value;
-}
-
-bool KeyExists(const std::wstring& key) {
-    HKEY opened = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) return false;
-    RegCloseKey(opened);
-    return true;
+    return L"\"" + (version == OMK_UPGRADE_VERSION ? omktest::ProgramFolder() + L"\\" OMK_UPGRADE_PACKAGE
+                                                   : svctest::PackagePath()) + L"\"";
 }
 
 // The versions of the product installed on this machine.
@@ -74,8 +52,7 @@ std::vector<std::wstring> InstalledVersions() {
     return versions;
 }
 
-// The product's log lines written by the registration tool, the installer's
-// custom actions included.
+// What the registration tool logged, the installer's custom actions included.
 std::string RegistrationLog() {
     std::string text;
     for (const auto& root : svctest::ProductDataRoots())
@@ -98,127 +75,101 @@ protected:
         }
     }
 
-    // msiexec quietly with a verbose log, kept for the failure message. Only the
-    // exit code's low 8 bits are compared: Wine passes no more on.
+    // msiexec with a verbose log, kept for the failure message.
     DWORD Msiexec(const std::wstring& arguments) {
         log_ = temp_.File(L"msiexec" + std::to_wstring(++runs_) + L".log");
-        return omktest::RunProcess(L"msiexec " + arguments + L" /qn /l*v \"" + log_ + L"\"", 180000) & 0xFF;
+        registrationLogStart_ = RegistrationLog().size();
+        return svctest::Msiexec(arguments, log_);
     }
     std::string LogText() const { return "msiexec log:\n" + omktest::ReadFileBytes(log_); }
 
     // The product installed into `folder`, its service running, everything registered and signed.
     void ExpectInstalledIn(const std::wstring& folder) {
         InstalledService service;
-        ASSERT_TRUE(service.IsOpen());
         EXPECT_TRUE(service.WaitForState(SERVICE_RUNNING)) << service.LogSince();
         alignas(QUERY_SERVICE_CONFIGW) BYTE buffer[8192];
-        DWORD needed = 0;
         auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer);
+        DWORD needed = 0;
         ASSERT_TRUE(QueryServiceConfigW(service.Handle(), config, sizeof(buffer), &needed));
         EXPECT_EQ(static_cast<DWORD>(SERVICE_AUTO_START), config->dwStartType);
         EXPECT_NE(nullptr, wcsstr(config->lpBinaryPathName, (folder + L"\\OMKRulesProcessor.exe").c_str()));
         // (Wine's QueryServiceConfigW leaves the dependencies out.)
-        EXPECT_EQ(L"RpcSs", Value(L"SYSTEM\\CurrentControlSet\\Services\\OMKRulesProcessor", L"DependOnService"));
-        ExpectRecoveryOptions(service.Handle());
+        EXPECT_EQ(L"RpcSs", RegString(L"SYSTEM\\CurrentControlSet\\Services\\OMKRulesProcessor", L"DependOnService"));
+        // Wine takes the failure actions and keeps nothing (the query answers
+        // 124): the tool's line shows the custom action ran and succeeded.
+        EXPECT_NE(std::string::npos, RegistrationLog().find("omkTolvaneReg: recovery options of OMKRulesProcessor set",
+                                                            registrationLogStart_));
+        alignas(SERVICE_FAILURE_ACTIONSW) BYTE actions[1024];
+        const auto* failure = reinterpret_cast<SERVICE_FAILURE_ACTIONSW*>(actions);
+        if (QueryServiceConfig2W(service.Handle(), SERVICE_CONFIG_FAILURE_ACTIONS, actions, sizeof(actions), &needed)) {
+            EXPECT_EQ(86400u, failure->dwResetPeriod);
+            ASSERT_EQ(3u, failure->cActions);
+            EXPECT_EQ(SC_ACTION_RESTART, failure->lpsaActions[0].Type);
+            EXPECT_EQ(SC_ACTION_RESTART, failure->lpsaActions[1].Type);
+        }
 
-        EXPECT_EQ(folder + L"\\omkCollectorRules.dll", Value(kRulePluginKey, L"DllPath"));
-        EXPECT_EQ(folder + L"\\omkActionLog.dll", Value(kActionPluginKey, L"DllPath"));
-        EXPECT_EQ(L"{C15D8E37-7F24-4A9B-9E61-08B3F4A2D5C7}", Value(kClassKey, L"AppID"));
-        EXPECT_EQ(L"OMKRulesProcessor", Value(kAppIdKey, L"LocalService"));
-        EXPECT_FALSE(KeyExists(kClassKey + L"\\LocalServer32"));
-        EXPECT_EQ(folder + L"\\OMKRulesProcessor.exe", Value(kTypeLibKey + L"\\1.0\\0\\win64"));
-
+        EXPECT_EQ(folder + L"\\omkCollectorRules.dll", RegString(kRulePluginKey, L"DllPath"));
+        EXPECT_EQ(folder + L"\\omkActionLog.dll", RegString(kActionPluginKey, L"DllPath"));
+        EXPECT_EQ(L"{C15D8E37-7F24-4A9B-9E61-08B3F4A2D5C7}", RegString(kClassKey, L"AppID"));
+        EXPECT_EQ(folder + L"\\OMKRulesProcessor.exe", RegString(kTypeLibKey + L"\\1.0\\0\\win64"));
+        EXPECT_TRUE(omktest::FileExists(folder + L"\\insvcAlerts.xml"));
         int signedFiles = 0;
         WIN32_FIND_DATAW found;
-        HANDLE find = FindFirstFileW((folder + L"\\*.*").c_str(), &found);
-        ASSERT_NE(INVALID_HANDLE_VALUE, find);
-        do {
+        HANDLE find = FindFirstFileW((folder + L"\\*.???").c_str(), &found);
+        for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &found)) {
             const std::wstring name = found.cFileName;
-            if (name.size() < 4 || (_wcsicmp(name.c_str() + name.size() - 4, L".exe") != 0 &&
-                                    _wcsicmp(name.c_str() + name.size() - 4, L".dll") != 0)) {
+            if (_wcsicmp(name.c_str() + name.size() - 4, L".exe") != 0 &&
+                _wcsicmp(name.c_str() + name.size() - 4, L".dll") != 0) {
                 continue;
             }
             EXPECT_TRUE(IsFileSignatureValid((folder + L"\\" + name).c_str())) << omktest::ToUtf8(name);
             ++signedFiles;
-        } while (FindNextFileW(find, &found));
+        }
         FindClose(find);
         EXPECT_GE(signedFiles, 7);
-        EXPECT_TRUE(omktest::FileExists(folder + L"\\insvcAlerts.xml"));
-    }
-
-    // Wine takes the failure actions and keeps nothing (the query answers 124);
-    // the tool's log line shows the custom action ran and succeeded.
-    void ExpectRecoveryOptions(SC_HANDLE service) {
-        EXPECT_NE(std::string::npos, RegistrationLog().find(kRecoverySet, registrationLogStart_));
-        alignas(SERVICE_FAILURE_ACTIONSW) BYTE buffer[1024];
-        DWORD needed = 0;
-        if (!QueryServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, buffer, sizeof(buffer), &needed)) {
-            EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_LEVEL), GetLastError());
-            return;
-        }
-        auto* actions = reinterpret_cast<SERVICE_FAILURE_ACTIONSW*>(buffer);
-        EXPECT_EQ(86400u, actions->dwResetPeriod);
-        ASSERT_EQ(3u, actions->cActions);
-        EXPECT_EQ(SC_ACTION_RESTART, actions->lpsaActions[0].Type);
-        EXPECT_EQ(SC_ACTION_RESTART, actions->lpsaActions[1].Type);
-        EXPECT_EQ(SC_ACTION_NONE, actions->lpsaActions[2].Type);
     }
 
     // Nothing of the product is left but its data.
     void ExpectRemovedFrom(const std::wstring& folder) {
         EXPECT_TRUE(InstalledVersions().empty());
-        SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-        SC_HANDLE service = OpenServiceW(manager, svctest::kServiceName, SERVICE_QUERY_STATUS);
-        EXPECT_EQ(nullptr, service);
-        EXPECT_EQ(static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST), GetLastError());
-        if (service != nullptr) CloseServiceHandle(service);
-        CloseServiceHandle(manager);
+        EXPECT_FALSE(InstalledService().IsOpen()) << "the service is deleted";
         for (const std::wstring& key : {kClassKey, kAppIdKey, kTypeLibKey, kInterfaceKey, kRulePluginKey,
                                         kActionPluginKey, kRememberedFolderKey}) {
-            EXPECT_FALSE(KeyExists(key)) << omktest::ToUtf8(key);
+            EXPECT_FALSE(RegKeyExists(key)) << omktest::ToUtf8(key);
         }
-        EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(folder.c_str())) << omktest::ToUtf8(folder);
-        EXPECT_EQ(INVALID_FILE_ATTRIBUTES, GetFileAttributesW(L"C:\\Program Files\\Varn"));
-    }
-
-    // Reports the battery rule as the collector plugin does; true once its alert is stored.
-    static bool ReportAndStoreAlert(Collector& collector) {
-        const ULONGLONG latest = svctest::LatestAlertTime();
-        if (collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"FullChargeCapacity", L"29120") != S_OK) {
-            return false;
-        }
-        return omktest::WaitFor([&] { return !svctest::AlertsStoredAfter(latest).empty(); }, 30000);
+        EXPECT_FALSE(omktest::FileExists(folder)) << omktest::ToUtf8(folder);
+        EXPECT_FALSE(omktest::FileExists(L"C:\\Program Files\\Varn"));
     }
 
     omktest::TempFolder temp_;
     std::wstring log_;
     int runs_ = 0;
-    size_t registrationLogStart_ = RegistrationLog().size();
+    size_t registrationLogStart_ = 0;
 };
 
 TEST_F(MsiPackage, UpgradesRepairsAndRemovesAnInstallationInAFolderWithSpacesAndNonAsciiLetters) {
-    ASSERT_EQ(0u, Msiexec(L"/i \"" + Package(OMK_PACKAGE_VERSION) + L"\" INSTALLDIR=\"" + kUnusualFolder + L"\""))
+    ASSERT_EQ(0u, Msiexec(L"/i " + Package(OMK_PACKAGE_VERSION) + L" INSTALLDIR=\"" + kUnusualFolder + L"\""))
         << LogText();
     EXPECT_EQ(std::vector<std::wstring>{OMK_PACKAGE_VERSION}, InstalledVersions());
     ExpectInstalledIn(kUnusualFolder);
     const ULONGLONG before = svctest::LatestAlertTime();
     {
         InstalledService service;
-        Collector collector;
+        svctest::Collector collector;
         ASSERT_EQ(S_OK, collector.Connect());
-        ASSERT_TRUE(ReportAndStoreAlert(collector)) << service.LogSince();
+        EXPECT_EQ(S_OK, collector.RuleTriggered(svctest::kBatteryRuleGuid, L"Battery", L"FullChargeCapacity", L"29120"));
+        ASSERT_TRUE(omktest::WaitFor([&] { return !svctest::AlertsStoredAfter(before).empty(); }, 30000))
+            << service.LogSince();
         EXPECT_EQ(std::string::npos, service.LogSince().find("Plugin")) << "both plugins load from there";
     }
 
     // An upgrade over the running service, into the folder it replaces.
-    registrationLogStart_ = RegistrationLog().size();
-    ASSERT_EQ(0u, Msiexec(L"/i \"" + Package(OMK_UPGRADE_VERSION) + L"\"")) << LogText();
+    ASSERT_EQ(0u, Msiexec(L"/i " + Package(OMK_UPGRADE_VERSION))) << LogText();
     EXPECT_EQ(std::vector<std::wstring>{OMK_UPGRADE_VERSION}, InstalledVersions());
     ExpectInstalledIn(kUnusualFolder);
     EXPECT_EQ(1u, svctest::AlertsStoredAfter(before).size()) << "the alert database is kept";
 
-    EXPECT_EQ(static_cast<DWORD>(ERROR_INSTALL_FAILURE & 0xFF),
-              Msiexec(L"/i \"" + Package(OMK_PACKAGE_VERSION) + L"\""))
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INSTALL_FAILURE & 0xFF), Msiexec(L"/i " + Package(OMK_PACKAGE_VERSION)))
         << LogText();
     EXPECT_EQ(std::vector<std::wstring>{OMK_UPGRADE_VERSION}, InstalledVersions()) << "a downgrade is refused";
     EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), InstalledService().Status().dwCurrentState);
@@ -227,16 +178,14 @@ TEST_F(MsiPackage, UpgradesRepairsAndRemovesAnInstallationInAFolderWithSpacesAnd
     ASSERT_TRUE(DeleteFileW((kUnusualFolder + L"\\tolvane-send.exe").c_str()));
     ASSERT_EQ(ERROR_SUCCESS, RegDeleteKeyW(HKEY_LOCAL_MACHINE, kRulePluginKey.c_str()));
     ASSERT_EQ(ERROR_SUCCESS, RegDeleteTreeW(HKEY_LOCAL_MACHINE, kClassKey.c_str()));
-    registrationLogStart_ = RegistrationLog().size();
-    ASSERT_EQ(0u, Msiexec(L"/i \"" + Package(OMK_UPGRADE_VERSION) + L"\" REINSTALL=ALL REINSTALLMODE=vomus"))
-        << LogText();
+    ASSERT_EQ(0u, Msiexec(L"/i " + Package(OMK_UPGRADE_VERSION) + L" REINSTALL=ALL REINSTALLMODE=vomus")) << LogText();
     ExpectInstalledIn(kUnusualFolder);
     EXPECT_TRUE(omktest::FileExists(kUnusualFolder + L"\\tolvane-send.exe"));
 
     // Removed while a collector holds its reference: the service stops after its drain.
-    Collector collector;
+    svctest::Collector collector;
     ASSERT_EQ(S_OK, collector.Connect());
-    ASSERT_EQ(0u, Msiexec(L"/x \"" + Package(OMK_UPGRADE_VERSION) + L"\"")) << LogText();
+    ASSERT_EQ(0u, Msiexec(L"/x " + Package(OMK_UPGRADE_VERSION))) << LogText();
     EXPECT_NE(S_OK, collector.SummaryCreated()) << "the service is gone";
     collector.Release();
     ExpectRemovedFrom(kUnusualFolder);
@@ -244,9 +193,9 @@ TEST_F(MsiPackage, UpgradesRepairsAndRemovesAnInstallationInAFolderWithSpacesAnd
 }
 
 TEST_F(MsiPackage, InstallsIntoProgramFilesByDefaultAndRemovesEverything) {
-    ASSERT_EQ(0u, Msiexec(L"/i \"" + Package(OMK_PACKAGE_VERSION) + L"\"")) << LogText();
+    ASSERT_EQ(0u, Msiexec(L"/i " + Package(OMK_PACKAGE_VERSION))) << LogText();
     ExpectInstalledIn(kDefaultFolder);
-    ASSERT_EQ(0u, Msiexec(L"/x \"" + Package(OMK_PACKAGE_VERSION) + L"\"")) << LogText();
+    ASSERT_EQ(0u, Msiexec(L"/x " + Package(OMK_PACKAGE_VERSION))) << LogText();
     ExpectRemovedFrom(kDefaultFolder);
 }
 

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <new>
 #include <string>
 
 #include "cdef.h"
@@ -17,6 +18,21 @@ namespace {
 constexpr int kBusyTimeoutMs = 5000;
 constexpr int kStore = 1;
 constexpr int kTrim = 0;
+// The greatest creation time and id SQLite's integers hold.
+constexpr unsigned long long kMaxKey = 0x7FFFFFFFFFFFFFFFull;
+
+// The text of the last failure reported on each thread, for callers that show
+// it to a person (AlertDb_GetLastErrorText).
+constexpr int kLastErrorChars = 1024;
+thread_local wchar_t g_lastError[kLastErrorChars];
+
+// Reports a failure to the error log and keeps its text for the thread.
+template <typename... Args>
+void Report(const wchar_t* format, const Args&... args) {
+    const OMK_ERROR_ARG packed[sizeof...(Args) + 1] = {omk_errors_detail::MakeArg(args)..., OMK_ERROR_ARG{}};
+    OMK_FormatErrorArgs(g_lastError, kLastErrorChars, format, packed, static_cast<int>(sizeof...(Args)));
+    OMK_ReportErrorArgs(0, format, packed, static_cast<int>(sizeof...(Args)));
+}
 
 // `id` is the order of storing: rows are only ever deleted from its low end,
 // so the ids of the stored rows are consecutive and the trim can count the
@@ -68,7 +84,7 @@ struct Connection {
     sqlite3_stmt* Get(sqlite3_stmt*& stmt, const char* sql, const wchar_t* function) {
         if (stmt == nullptr &&
             sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK) {
-            OMK_ReportError(0, L"%ls: preparing failed (%hs)", function, sqlite3_errmsg(db));
+            Report(L"%ls: preparing failed (%hs)", function, sqlite3_errmsg(db));
             return nullptr;
         }
         return stmt;
@@ -86,6 +102,8 @@ Connection g_rw;
 // (1 the store open, 0 the trim open).
 bool g_open[2] = {false, false};
 Connection g_ro;
+// The file the read-only connection reads, as the caller named it.
+std::wstring g_roPath;
 // Set when SQLite reports the file corrupt; the next creating open moves it aside.
 bool g_corruptSeen = false;
 // A file that could not be moved aside is reported once, not at every store.
@@ -241,6 +259,18 @@ int OpenReadWrite(const std::wstring& path, bool create, std::string& message) {
     return rc;
 }
 
+// Whether the file's header says WAL mode (both file format version bytes 2).
+bool IsWalFile(const std::wstring& path) {
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                              nullptr, OPEN_EXISTING, 0, nullptr);
+    unsigned char header[20] = {};
+    DWORD read = 0;
+    const bool ok = file != INVALID_HANDLE_VALUE && ReadFile(file, header, sizeof(header), &read, nullptr) &&
+                    read == sizeof(header);
+    if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
+    return ok && header[18] == 2 && header[19] == 2;
+}
+
 std::wstring CorruptName(const std::wstring& path) {
     SYSTEMTIME utc;
     GetSystemTime(&utc);
@@ -255,9 +285,8 @@ std::wstring CorruptName(const std::wstring& path) {
 
 void ReportMoveFailure(const std::wstring& file) {
     if (!g_moveFailureReported) {
-        OMK_ReportError(0,
-                        L"AlertDb_Open: could not move %ls aside err=%lu - the alerts are not stored until it can be",
-                        file.c_str(), GetLastError());
+        Report(L"AlertDb_Open: could not move %ls aside err=%lu - the alerts are not stored until it can be",
+               file.c_str(), GetLastError());
     }
     g_moveFailureReported = true;
 }
@@ -273,8 +302,8 @@ bool MoveAside(const std::wstring& path) {
         return false;
     }
     if (moved) {
-        OMK_ReportError(0, L"AlertDb_Open: %ls is not a valid database - moved aside to %ls, starting a new one",
-                        path.c_str(), target.c_str());
+        Report(L"AlertDb_Open: %ls is not a valid database - moved aside to %ls, starting a new one", path.c_str(),
+               target.c_str());
     }
     const std::wstring wal = path + L"-wal";
     const std::wstring index = path + L"-shm";
@@ -300,15 +329,15 @@ Connection* ReadConnection() {
 // records would delete after it, in the same commit.
 int Store(unsigned long long creationTime, const char* utf8Xml, long long keep) {
     if (utf8Xml == nullptr) {
-        OMK_ReportError(0, L"AlertDb_Write: null xml for creation time %I64u", creationTime);
+        Report(L"AlertDb_Write: null xml for creation time %I64u", creationTime);
         return 0;
     }
     if (creationTime > 0x7FFFFFFFFFFFFFFFull) {
-        OMK_ReportError(0, L"AlertDb_Write: creation time %I64u is out of range", creationTime);
+        Report(L"AlertDb_Write: creation time %I64u is out of range", creationTime);
         return 0;
     }
     if (g_rw.db == nullptr || !(g_open[kStore] || g_open[kTrim])) {
-        OMK_ReportError(0, L"AlertDb_Write: the database is not open");
+        Report(L"AlertDb_Write: the database is not open");
         return 0;
     }
     const wchar_t* me = L"AlertDb_Write";
@@ -334,15 +363,35 @@ int Store(unsigned long long creationTime, const char* utf8Xml, long long keep) 
     g_keptAt = rc == SQLITE_DONE ? keep : -1;
     if (rc == SQLITE_DONE) return 1;
     if ((rc & 0xFF) == SQLITE_CONSTRAINT) {
-        OMK_ReportError(0, L"AlertDb_Write: an alert with creation time %I64u is stored already", creationTime);
+        Report(L"AlertDb_Write: an alert with creation time %I64u is stored already", creationTime);
     } else {
-        OMK_ReportError(0, L"AlertDb_Write: storing %I64u failed %d (%hs)", creationTime, rc, sqlite3_errmsg(g_rw.db));
+        Report(L"AlertDb_Write: storing %I64u failed %d (%hs)", creationTime, rc, sqlite3_errmsg(g_rw.db));
     }
     if (!sqlite3_get_autocommit(g_rw.db)) sqlite3_exec(g_rw.db, "ROLLBACK", nullptr, nullptr, nullptr);
     return 0;
 }
 
+// The file a connection reads, for messages.
+std::wstring ReadPath(const Connection* connection) {
+    return connection == &g_ro ? g_roPath : DatabasePath();
+}
+
+std::wstring FromUtf8(const char* text) {
+    int n = text != nullptr ? MultiByteToWideChar(CP_UTF8, 0, text, -1, nullptr, 0) : 0;
+    if (n <= 0) return std::wstring();
+    std::wstring out(static_cast<size_t>(n), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, text, -1, &out[0], n);
+    out.resize(static_cast<size_t>(n) - 1);
+    return out;
+}
+
 }  // namespace
+
+// A cursor: its statement, and whether it has reached its end.
+struct ALERT_DB_CURSOR {
+    sqlite3_stmt* stmt;
+    bool done;
+};
 
 extern "C" {
 
@@ -352,7 +401,7 @@ OMKDB_API int WINAPI InitSqliteLib(void) {
     sqlite3_config(SQLITE_CONFIG_LOG, SqliteLog, nullptr);
     int rc = sqlite3_initialize();
     if (rc != SQLITE_OK) {
-        OMK_ReportError(0, L"InitSqliteLib: sqlite3_initialize failed %d (%hs)", rc, sqlite3_errstr(rc));
+        Report(L"InitSqliteLib: sqlite3_initialize failed %d (%hs)", rc, sqlite3_errstr(rc));
         return 0;
     }
     g_started = true;
@@ -373,7 +422,7 @@ OMKDB_API int WINAPI FreeSqliteLib(void) {
 OMKDB_API int WINAPI AlertDb_Open(int storeConnection, int createWhenMissing) {
     LockGuard lock;
     if (!g_started) {
-        OMK_ReportError(0, L"AlertDb_Open: InitSqliteLib has not been called");
+        Report(L"AlertDb_Open: InitSqliteLib has not been called");
         return 0;
     }
     const int slot = storeConnection ? kStore : kTrim;
@@ -384,18 +433,18 @@ OMKDB_API int WINAPI AlertDb_Open(int storeConnection, int createWhenMissing) {
     }
     const std::wstring path = DatabasePath();
     if (path.empty()) {
-        OMK_ReportError(0, L"AlertDb_Open: the product has no data folder");
+        Report(L"AlertDb_Open: the product has no data folder");
         return 0;
     }
     if (create) {
         std::wstring folder = path.substr(0, path.size() - wcslen(L"\\omkAlerts.db"));
         DWORD made = CFileHelper::MakeDirectory(folder.c_str(), nullptr);
         if (made != ERROR_SUCCESS) {
-            OMK_ReportError(0, L"AlertDb_Open: could not create folder %ls err=%lu", folder.c_str(), made);
+            Report(L"AlertDb_Open: could not create folder %ls err=%lu", folder.c_str(), made);
             return 0;
         }
     } else if (!Exists(path)) {
-        OMK_ReportError(0, L"AlertDb_Open: %ls does not exist", path.c_str());
+        Report(L"AlertDb_Open: %ls does not exist", path.c_str());
         return 0;
     }
 
@@ -414,7 +463,7 @@ OMKDB_API int WINAPI AlertDb_Open(int storeConnection, int createWhenMissing) {
         rc = OpenReadWrite(path, create, message);
     }
     if (rc != SQLITE_OK) {
-        OMK_ReportError(0, L"AlertDb_Open: opening %ls failed %d (%hs)", path.c_str(), rc, message.c_str());
+        Report(L"AlertDb_Open: opening %ls failed %d (%hs)", path.c_str(), rc, message.c_str());
         return 0;
     }
     g_open[slot] = true;
@@ -424,13 +473,13 @@ OMKDB_API int WINAPI AlertDb_Open(int storeConnection, int createWhenMissing) {
 OMKDB_API int WINAPI AlertDb_OpenReadOnly(const wchar_t* databasePath) {
     LockGuard lock;
     if (!g_started) {
-        OMK_ReportError(0, L"AlertDb_OpenReadOnly: InitSqliteLib has not been called");
+        Report(L"AlertDb_OpenReadOnly: InitSqliteLib has not been called");
         return 0;
     }
     if (g_ro.db != nullptr) return 1;
     const std::wstring path = databasePath != nullptr ? std::wstring(databasePath) : DatabasePath();
     if (path.empty() || !Exists(path)) {
-        OMK_ReportError(0, L"AlertDb_OpenReadOnly: %ls does not exist", path.c_str());
+        Report(L"AlertDb_OpenReadOnly: %ls does not exist", path.c_str());
         return 0;
     }
     // As a URI, so that the WAL index is opened read-only too ("%", "?" and "#" escaped).
@@ -449,7 +498,12 @@ OMKDB_API int WINAPI AlertDb_OpenReadOnly(const wchar_t* databasePath) {
     // passing lock) would only add seconds here.
     int noRetries[2] = {0, -1};
     int rc = SQLITE_OK;
+    // A file in WAL mode without its WAL (a copy, or one no process has open)
+    // is read on its own from the start: SQLite would otherwise make an empty
+    // WAL beside it wherever the folder lets it.
+    const bool alone = IsWalFile(path) && !Exists(path + L"-wal");
     for (const char* options : {"?mode=ro&readonly_shm=1", "?mode=ro&immutable=1"}) {
+        if (alone && strstr(options, "immutable") == nullptr) continue;
         rc = sqlite3_open_v2((uri + options).c_str(), &g_ro.db, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
         int unused = 0;
         if (rc == SQLITE_OK) rc = sqlite3_busy_timeout(g_ro.db, kBusyTimeoutMs);
@@ -461,17 +515,20 @@ OMKDB_API int WINAPI AlertDb_OpenReadOnly(const wchar_t* databasePath) {
             rc = QueryInt(g_ro.db, "SELECT count(*) FROM sqlite_master", &unused);
             sqlite3_file_control(g_ro.db, "main", SQLITE_FCNTL_WIN32_AV_RETRY, usualRetries);
         }
-        if (rc == SQLITE_OK) return 1;
+        if (rc == SQLITE_OK) {
+            g_roPath = path;
+            return 1;
+        }
         // No WAL beside the file and no right to make one: nobody writes it
         // now, so the file alone is the whole database.
         std::string message = g_ro.db != nullptr ? sqlite3_errmsg(g_ro.db) : sqlite3_errstr(rc);
         g_ro.Close();
         if ((rc & 0xFF) != SQLITE_CANTOPEN || Exists(path + L"-wal")) {
-            OMK_ReportError(0, L"AlertDb_OpenReadOnly: opening %ls failed %d (%hs)", path.c_str(), rc, message.c_str());
+            Report(L"AlertDb_OpenReadOnly: opening %ls failed %d (%hs)", path.c_str(), rc, message.c_str());
             return 0;
         }
     }
-    OMK_ReportError(0, L"AlertDb_OpenReadOnly: opening %ls failed %d", path.c_str(), rc);
+    Report(L"AlertDb_OpenReadOnly: opening %ls failed %d", path.c_str(), rc);
     return 0;
 }
 
@@ -484,12 +541,12 @@ OMKDB_API int WINAPI AlertDb_CloseReadOnly(void) {
 OMKDB_API int WINAPI AlertDb_ReadByCreationTimeW(unsigned long long creationTime, ALERT_DB_RECORD** record) {
     LockGuard lock;
     if (record == nullptr) {
-        OMK_ReportError(0, L"AlertDb_ReadByCreationTimeW: null record pointer");
+        Report(L"AlertDb_ReadByCreationTimeW: null record pointer");
         return 0;
     }
     Connection* connection = ReadConnection();
     if (connection == nullptr) {
-        OMK_ReportError(0, L"AlertDb_ReadByCreationTimeW: the database is not open");
+        Report(L"AlertDb_ReadByCreationTimeW: the database is not open");
         return 0;
     }
     sqlite3_stmt* stmt = connection->Get(connection->lookup, "SELECT xml FROM alerts WHERE creation_time=?1",
@@ -499,8 +556,8 @@ OMKDB_API int WINAPI AlertDb_ReadByCreationTimeW(unsigned long long creationTime
     int rc = Step(stmt);
     if (rc == SQLITE_DONE) return 0;
     if (rc != SQLITE_ROW) {
-        OMK_ReportError(0, L"AlertDb_ReadByCreationTimeW: reading %I64u failed %d (%hs)", creationTime, rc,
-                        sqlite3_errmsg(connection->db));
+        Report(L"AlertDb_ReadByCreationTimeW: reading %I64u failed %d (%hs)", creationTime, rc,
+               sqlite3_errmsg(connection->db));
         return 0;
     }
     const void* text = sqlite3_column_text(stmt, 0);
@@ -513,7 +570,7 @@ OMKDB_API int WINAPI AlertDb_ReadByCreationTimeW(unsigned long long creationTime
         *record = block;
     }
     sqlite3_reset(stmt);
-    if (block == nullptr) OMK_ReportError(0, L"AlertDb_ReadByCreationTimeW: out of memory for %zu bytes", bytes);
+    if (block == nullptr) Report(L"AlertDb_ReadByCreationTimeW: out of memory for %zu bytes", bytes);
     return block != nullptr ? 1 : 0;
 }
 
@@ -539,7 +596,7 @@ OMKDB_API int WINAPI AlertDb_Close(int storeConnection) {
 OMKDB_API int WINAPI AlertDb_DeleteOldestRecords(unsigned int maxRecords) {
     LockGuard lock;
     if (g_rw.db == nullptr || !(g_open[kStore] || g_open[kTrim])) {
-        OMK_ReportError(0, L"AlertDb_DeleteOldestRecords: the database is not open");
+        Report(L"AlertDb_DeleteOldestRecords: the database is not open");
         return 0;
     }
     if (g_keptAt >= 0 && g_keptAt == static_cast<long long>(maxRecords)) return 1;
@@ -560,11 +617,166 @@ OMKDB_API int WINAPI AlertDb_DeleteOldestRecords(unsigned int maxRecords) {
         rc = Step(trim);
     }
     if (rc != SQLITE_DONE) {
-        OMK_ReportError(0, L"AlertDb_DeleteOldestRecords: keeping %u records failed %d (%hs)", maxRecords, rc,
-                        sqlite3_errmsg(g_rw.db));
+        Report(L"AlertDb_DeleteOldestRecords: keeping %u records failed %d (%hs)", maxRecords, rc,
+               sqlite3_errmsg(g_rw.db));
         return 0;
     }
     return 1;
+}
+
+OMKDB_API int WINAPI AlertDb_OpenCursor(int order, unsigned long long from, ALERT_DB_CURSOR** cursor) {
+    LockGuard lock;
+    if (cursor == nullptr || (order != ALERT_DB_NEWEST_FIRST && order != ALERT_DB_STORED_AFTER)) {
+        Report(L"AlertDb_OpenCursor: bad arguments (order %d)", order);
+        return 0;
+    }
+    Connection* connection = ReadConnection();
+    if (connection == nullptr) {
+        Report(L"AlertDb_OpenCursor: the database is not open");
+        return 0;
+    }
+    // Both walk an index (the creation time's, the key), so nothing is sorted
+    // or held in memory however many records there are.
+    const char* sql = order == ALERT_DB_NEWEST_FIRST
+                          ? "SELECT id, creation_time, stored_utc, xml FROM alerts WHERE creation_time >= ?1 "
+                            "ORDER BY creation_time DESC"
+                          : "SELECT id, creation_time, stored_utc, xml FROM alerts WHERE id > ?1 ORDER BY id";
+    sqlite3_stmt* stmt = nullptr;
+    int rc = sqlite3_prepare_v2(connection->db, sql, -1, &stmt, nullptr);
+    if (rc != SQLITE_OK) {
+        Report(L"AlertDb_OpenCursor: reading %ls failed %d (%hs)", ReadPath(connection).c_str(), rc,
+               sqlite3_errmsg(connection->db));
+        return 0;
+    }
+    sqlite3_bind_int64(stmt, 1, static_cast<sqlite3_int64>(from > kMaxKey ? kMaxKey : from));
+    *cursor = new (std::nothrow) ALERT_DB_CURSOR{stmt, false};
+    if (*cursor == nullptr) {
+        sqlite3_finalize(stmt);
+        Report(L"AlertDb_OpenCursor: out of memory");
+        return 0;
+    }
+    return 1;
+}
+
+OMKDB_API int WINAPI AlertDb_NextRecord(ALERT_DB_CURSOR* cursor, ALERT_DB_ROW* row) {
+    LockGuard lock;
+    if (cursor == nullptr || row == nullptr) {
+        Report(L"AlertDb_NextRecord: null cursor or row");
+        return -1;
+    }
+    if (cursor->done) return 0;
+    sqlite3_stmt* stmt = cursor->stmt;
+    const int rc = sqlite3_step(stmt);
+    NoteResult(sqlite3_db_handle(stmt), rc);
+    if (rc == SQLITE_ROW) {
+        row->id = static_cast<unsigned long long>(sqlite3_column_int64(stmt, 0));
+        row->creationTime = static_cast<unsigned long long>(sqlite3_column_int64(stmt, 1));
+        row->storedUtc = static_cast<unsigned long long>(sqlite3_column_int64(stmt, 2));
+        const unsigned char* text = sqlite3_column_text(stmt, 3);
+        row->xml = text != nullptr ? reinterpret_cast<const char*>(text) : "";
+        row->xmlBytes = static_cast<unsigned int>(sqlite3_column_bytes(stmt, 3));
+        return 1;
+    }
+    // The end of the read transaction, also after a failure.
+    cursor->done = true;
+    sqlite3* db = sqlite3_db_handle(stmt);
+    std::string message = sqlite3_errmsg(db);
+    sqlite3_reset(stmt);
+    if (rc == SQLITE_DONE) return 0;
+    Report(L"AlertDb_NextRecord: reading %ls failed %d (%hs)", FromUtf8(sqlite3_db_filename(db, "main")).c_str(), rc,
+           message.c_str());
+    return -1;
+}
+
+OMKDB_API int WINAPI AlertDb_CloseCursor(ALERT_DB_CURSOR* cursor) {
+    LockGuard lock;
+    if (cursor != nullptr) sqlite3_finalize(cursor->stmt);
+    delete cursor;
+    return 1;
+}
+
+OMKDB_API int WINAPI AlertDb_GetSummary(ALERT_DB_SUMMARY* summary) {
+    LockGuard lock;
+    Connection* connection = ReadConnection();
+    if (summary == nullptr || connection == nullptr) {
+        Report(L"AlertDb_GetSummary: %ls", summary == nullptr ? L"null summary" : L"the database is not open");
+        return 0;
+    }
+    // One statement, so one read transaction: the four figures agree.
+    sqlite3_stmt* stmt = nullptr;
+    int rc = sqlite3_prepare_v2(connection->db,
+                                "SELECT (SELECT count(*) FROM alerts), (SELECT ifnull(max(id), 0) FROM alerts), "
+                                "n.creation_time, n.stored_utc FROM (SELECT 1) LEFT JOIN (SELECT creation_time, "
+                                "stored_utc FROM alerts ORDER BY creation_time DESC LIMIT 1) AS n",
+                                -1, &stmt, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_step(stmt);
+    NoteResult(connection->db, rc);
+    if (rc == SQLITE_ROW) {
+        summary->count = static_cast<unsigned long long>(sqlite3_column_int64(stmt, 0));
+        summary->lastId = static_cast<unsigned long long>(sqlite3_column_int64(stmt, 1));
+        summary->newestCreationTime = static_cast<unsigned long long>(sqlite3_column_int64(stmt, 2));
+        summary->newestStoredUtc = static_cast<unsigned long long>(sqlite3_column_int64(stmt, 3));
+    } else if (strcmp(sqlite3_errmsg(connection->db), "no such table: alerts") == 0) {
+        Report(L"AlertDb_GetSummary: %ls holds no alerts table (an empty file, or not an alert database)",
+               ReadPath(connection).c_str());
+    } else {
+        Report(L"AlertDb_GetSummary: reading %ls failed %d (%hs)", ReadPath(connection).c_str(), rc,
+               sqlite3_errmsg(connection->db));
+    }
+    sqlite3_finalize(stmt);
+    return rc == SQLITE_ROW ? 1 : 0;
+}
+
+OMKDB_API int WINAPI AlertDb_CheckIntegrity(char* report, unsigned int reportBytes) {
+    LockGuard lock;
+    if (report == nullptr || reportBytes == 0) {
+        Report(L"AlertDb_CheckIntegrity: no room for the report");
+        return 0;
+    }
+    Connection* connection = ReadConnection();
+    std::string text;
+    int rc = SQLITE_MISUSE;
+    if (connection != nullptr) {
+        sqlite3_stmt* stmt = nullptr;
+        rc = sqlite3_prepare_v2(connection->db, "PRAGMA integrity_check(100)", -1, &stmt, nullptr);
+        while (rc == SQLITE_OK || rc == SQLITE_ROW) {
+            rc = sqlite3_step(stmt);
+            const unsigned char* line = rc == SQLITE_ROW ? sqlite3_column_text(stmt, 0) : nullptr;
+            if (line != nullptr) text += (text.empty() ? "" : "\n") + std::string(reinterpret_cast<const char*>(line));
+        }
+        if (rc != SQLITE_DONE) text = sqlite3_errmsg(connection->db);
+        sqlite3_finalize(stmt);
+        if (rc != SQLITE_DONE) {
+            Report(L"AlertDb_CheckIntegrity: checking %ls failed %d (%hs)", ReadPath(connection).c_str(), rc,
+                   text.c_str());
+        }
+    } else {
+        text = "the database is not open";
+        Report(L"AlertDb_CheckIntegrity: the database is not open");
+    }
+    // Cut at a character boundary.
+    size_t bytes = text.size() < reportBytes ? text.size() : reportBytes - 1;
+    while (bytes > 0 && bytes < text.size() && (static_cast<unsigned char>(text[bytes]) & 0xC0) == 0x80) --bytes;
+    memcpy(report, text.data(), bytes);
+    report[bytes] = '\0';
+    return rc == SQLITE_DONE && text == "ok" ? 1 : 0;
+}
+
+OMKDB_API DWORD WINAPI AlertDb_GetPath(wchar_t* buffer, DWORD bufferChars) {
+    LockGuard lock;
+    Connection* connection = ReadConnection();
+    const std::wstring path = connection != nullptr ? ReadPath(connection) : DatabasePath();
+    if (buffer == nullptr || path.empty() || path.size() >= bufferChars) return 0;
+    wmemcpy(buffer, path.c_str(), path.size() + 1);
+    return static_cast<DWORD>(path.size());
+}
+
+OMKDB_API DWORD WINAPI AlertDb_GetLastErrorText(wchar_t* buffer, DWORD bufferChars) {
+    if (buffer == nullptr || bufferChars == 0) return 0;
+    const size_t chars = wcsnlen(g_lastError, bufferChars - 1);
+    wmemcpy(buffer, g_lastError, chars);
+    buffer[chars] = L'\0';
+    return static_cast<DWORD>(chars);
 }
 
 }  // extern "C"

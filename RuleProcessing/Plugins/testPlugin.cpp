@@ -141,25 +141,17 @@ struct Record {
 // the number in `attribute`="N" inside `xml` overrides.
 unsigned int Call(Record record, const wchar_t* stem, const wchar_t* attribute = nullptr, const wchar_t* xml = nullptr,
                   bool withResult = true) {
-    DWORD values[3] = {};  // <stem>Result, <stem>DelayMs, <stem>Raise
-    wchar_t callLog[MAX_PATH] = L"";
-    HKEY key = nullptr;
-    std::wstring path = L"Software\\Varn Inc.\\Orlemark\\TestPlugins\\" + std::wstring(g_moduleName);
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ, &key) == ERROR_SUCCESS) {
-        const wchar_t* names[3] = {L"Result", L"DelayMs", L"Raise"};
-        for (int i = 0; i < 3; ++i) {
-            DWORD bytes = sizeof(values[i]);
-            if (RegGetValueW(key, nullptr, (stem + std::wstring(names[i])).c_str(), RRF_RT_REG_DWORD, nullptr,
-                             &values[i], &bytes) != ERROR_SUCCESS) {
-                values[i] = 0;
-            }
-        }
-        DWORD bytes = sizeof(callLog);
-        if (RegGetValueW(key, nullptr, L"CallLog", RRF_RT_REG_SZ, nullptr, callLog, &bytes) != ERROR_SUCCESS) {
-            callLog[0] = L'\0';
-        }
-        RegCloseKey(key);
+    const std::wstring key = L"Software\\Varn Inc.\\Orlemark\\TestPlugins\\" + std::wstring(g_moduleName);
+    DWORD values[3] = {};  // <stem>Result, <stem>DelayMs, <stem>Raise; 0 when absent
+    const wchar_t* names[3] = {L"Result", L"DelayMs", L"Raise"};
+    for (int i = 0; i < 3; ++i) {
+        DWORD bytes = sizeof(values[i]);
+        RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), (stem + std::wstring(names[i])).c_str(),
+                     RRF_RT_REG_DWORD | RRF_ZEROONFAILURE, nullptr, &values[i], &bytes);
     }
+    wchar_t callLog[MAX_PATH];
+    DWORD bytes = sizeof(callLog);
+    RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"CallLog", RRF_RT_REG_SZ | RRF_ZEROONFAILURE, nullptr, callLog, &bytes);
     const std::wstring pattern = attribute != nullptr ? attribute + std::wstring(L"=\"") : L"";
     const wchar_t* chosen = xml != nullptr && attribute != nullptr ? wcsstr(xml, pattern.c_str()) : nullptr;
     const unsigned int result = chosen != nullptr ? wcstoul(chosen + pattern.size(), nullptr, 10) : values[0];

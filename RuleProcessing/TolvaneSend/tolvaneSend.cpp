@@ -1,4 +1,4 @@
-// tolvane-send: reports one collector event to the rules processor through
+// tolvane-send: reports collector events to the rules processor through
 // ITolvane, the way a collector does. See Usage() below.
 #include <windows.h>
 
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "comErrorMessage.h"
+#include "eventsFile.h"
 #include "tolvane.h"
 
 namespace {
@@ -23,9 +24,12 @@ int Usage(FILE* out) {
              L"      rule plugin ID found rule GUID triggered, with data items enclosed in <TAG>\n"
              L"  tolvane-send periodic --code N --subcode N [--time N] [--hex HEX | --file PATH]\n"
              L"      a periodic data record (time stamp defaults to now, as a FILETIME number)\n"
+             L"  tolvane-send --events EVENTS.jsonl\n"
+             L"      every event of an events file (one JSON object per line, as omk-rules replay reads)\n"
              L"  tolvane-send --help\n"
              L"\n"
-             L"Prints the call's HRESULT with its text; exits 0 on success, 1 on failure, 2 on a bad command line.\n");
+             L"Prints each call's HRESULT with its text; exits 0 on success, 1 on failure (or a bad line of\n"
+             L"an events file, which is reported and skipped), 2 on a bad command line or an unreadable file.\n");
     return out == stdout ? 0 : 2;
 }
 
@@ -33,21 +37,6 @@ bool ParseNumber(const wchar_t* text, long long* value) {
     wchar_t* end = nullptr;
     *value = _wcstoi64(text, &end, 0);
     return end != text && *end == L'\0';
-}
-
-bool ParseHex(const std::wstring& hex, std::vector<unsigned char>* bytes) {
-    std::wstring digits;
-    for (wchar_t c : hex)
-        if (!iswspace(c) && c != L':' && c != L'-') digits += c;
-    if (digits.size() % 2 != 0) return false;
-    for (size_t i = 0; i < digits.size(); i += 2) {
-        wchar_t pair[3] = {digits[i], digits[i + 1], L'\0'};
-        wchar_t* end = nullptr;
-        unsigned long byte = wcstoul(pair, &end, 16);
-        if (*end != L'\0') return false;
-        bytes->push_back(static_cast<unsigned char>(byte));
-    }
-    return true;
 }
 
 bool ReadWholeFile(const wchar_t* path, std::vector<unsigned char>* bytes) {
@@ -60,14 +49,10 @@ bool ReadWholeFile(const wchar_t* path, std::vector<unsigned char>* bytes) {
     return true;
 }
 
-SAFEARRAY* BstrArray(const std::vector<std::wstring>& texts) {
-    SAFEARRAY* array = SafeArrayCreateVector(VT_BSTR, 0, static_cast<ULONG>(texts.size()));
-    for (LONG i = 0; array != nullptr && i < static_cast<LONG>(texts.size()); ++i) {
-        BSTR text = SysAllocString(texts[i].c_str());
-        SafeArrayPutElement(array, &i, text);  // copies the string
-        SysFreeString(text);
-    }
-    return array;
+long long Now() {
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    return static_cast<long long>((static_cast<ULONGLONG>(now.dwHighDateTime) << 32) | now.dwLowDateTime);
 }
 
 int Report(HRESULT hr) {
@@ -75,81 +60,67 @@ int Report(HRESULT hr) {
     return SUCCEEDED(hr) ? 0 : 1;
 }
 
-HRESULT SendRule(ITolvane* tolvane, int argc, wchar_t** argv, bool* badLine) {
-    const wchar_t* plugin = nullptr;
-    const wchar_t* guid = nullptr;
-    const wchar_t* tag = nullptr;
-    std::vector<std::wstring> names, values;
+// The event the command line describes; false for a bad command line.
+bool ParseCommandLine(int argc, wchar_t** argv, COLLECTOR_EVENT* event) {
+    const std::wstring command = argv[1];
+    bool haveCode = false, haveSubCode = false, havePlugin = false, haveGuid = false;
+    event->kind = command == L"rule" ? COLLECTOR_EVENT::RULE
+                                     : command == L"periodic" ? COLLECTOR_EVENT::PERIODIC : COLLECTOR_EVENT::SUMMARY;
     for (int i = 2; i < argc; ++i) {
-        std::wstring arg = argv[i];
-        if (arg == L"--plugin" && i + 1 < argc) plugin = argv[++i];
-        else if (arg == L"--guid" && i + 1 < argc) guid = argv[++i];
-        else if (arg == L"--tag" && i + 1 < argc) tag = argv[++i];
-        else if (arg.find(L'=') != std::wstring::npos && arg.find(L'=') > 0) {
-            names.push_back(arg.substr(0, arg.find(L'=')));
-            values.push_back(arg.substr(arg.find(L'=') + 1));
+        const std::wstring arg = argv[i];
+        const wchar_t* next = i + 1 < argc ? argv[i + 1] : nullptr;
+        long long number = 0;
+        bool ok = next != nullptr;
+        if (event->kind == COLLECTOR_EVENT::RULE && ok && arg == L"--plugin") {
+            event->plugin = next;
+            havePlugin = true;
+        } else if (event->kind == COLLECTOR_EVENT::RULE && ok && arg == L"--guid") {
+            event->guid = next;
+            haveGuid = true;
+        } else if (event->kind == COLLECTOR_EVENT::RULE && ok && arg == L"--tag") {
+            event->tag = next;
+            event->hasTag = true;
+        } else if (event->kind == COLLECTOR_EVENT::RULE && arg.find(L'=') != std::wstring::npos &&
+                   arg.find(L'=') > 0) {
+            event->hasItems = true;
+            event->items.emplace_back(arg.substr(0, arg.find(L'=')), arg.substr(arg.find(L'=') + 1));
+            continue;
+        } else if (event->kind == COLLECTOR_EVENT::PERIODIC && ok && arg == L"--code") {
+            ok = haveCode = ParseNumber(next, &number);
+            event->code = static_cast<int>(number);
+        } else if (event->kind == COLLECTOR_EVENT::PERIODIC && ok && arg == L"--subcode") {
+            ok = haveSubCode = ParseNumber(next, &number);
+            event->subCode = static_cast<int>(number);
+        } else if (event->kind == COLLECTOR_EVENT::PERIODIC && ok && arg == L"--time") {
+            ok = event->hasTime = ParseNumber(next, &event->time);
+        } else if (event->kind == COLLECTOR_EVENT::PERIODIC && ok && arg == L"--hex") {
+            ok = ParseHexBytes(next, &event->bytes);
+        } else if (event->kind == COLLECTOR_EVENT::PERIODIC && ok && arg == L"--file") {
+            ok = ReadWholeFile(next, &event->bytes);
         } else {
-            *badLine = true;
-            return E_INVALIDARG;
+            ok = false;
         }
+        if (!ok) return false;
+        ++i;
     }
-    if (plugin == nullptr || guid == nullptr) {
-        *badLine = true;
-        return E_INVALIDARG;
-    }
-    BSTR pluginText = SysAllocString(plugin);
-    BSTR guidText = SysAllocString(guid);
-    BSTR tagText = tag != nullptr ? SysAllocString(tag) : nullptr;
-    SAFEARRAY* nameArray = names.empty() ? nullptr : BstrArray(names);
-    SAFEARRAY* valueArray = values.empty() ? nullptr : BstrArray(values);
-    HRESULT hr = tolvane->Tolvane_RuleTriggered(pluginText, guidText, tagText, nameArray, valueArray);
-    if (nameArray != nullptr) SafeArrayDestroy(nameArray);
-    if (valueArray != nullptr) SafeArrayDestroy(valueArray);
-    SysFreeString(tagText);
-    SysFreeString(guidText);
-    SysFreeString(pluginText);
-    return hr;
+    if (event->kind == COLLECTOR_EVENT::RULE) return havePlugin && haveGuid;
+    if (event->kind == COLLECTOR_EVENT::PERIODIC) return haveCode && haveSubCode;
+    return argc == 2;
 }
 
-HRESULT SendPeriodic(ITolvane* tolvane, int argc, wchar_t** argv, bool* badLine) {
-    long long code = 0, subCode = 0, timeStamp = 0;
-    bool haveCode = false, haveSubCode = false, haveTime = false;
-    std::vector<unsigned char> data;
-    for (int i = 2; i < argc; ++i) {
-        std::wstring arg = argv[i];
-        bool ok = i + 1 < argc;
-        if (ok && arg == L"--code") ok = haveCode = ParseNumber(argv[++i], &code);
-        else if (ok && arg == L"--subcode") ok = haveSubCode = ParseNumber(argv[++i], &subCode);
-        else if (ok && arg == L"--time") ok = haveTime = ParseNumber(argv[++i], &timeStamp);
-        else if (ok && arg == L"--hex") ok = ParseHex(argv[++i], &data);
-        else if (ok && arg == L"--file") ok = ReadWholeFile(argv[++i], &data);
-        else ok = false;
-        if (!ok) {
-            *badLine = true;
-            return E_INVALIDARG;
+// Sends every event of the file; bad lines are reported and skipped.
+int SendEventsFile(ITolvane* tolvane, const std::vector<EVENTS_FILE_LINE>& lines) {
+    int status = 0;
+    for (const EVENTS_FILE_LINE& line : lines) {
+        if (!line.ok) {
+            fwprintf(stderr, L"line %d: %ls\n", line.number, Wide(line.error).c_str());
+            status = 1;
+            continue;
         }
+        wprintf(L"line %d: ", line.number);
+        if (Report(SendCollectorEvent(tolvane, line.event, Now())) != 0) status = 1;
     }
-    if (!haveCode || !haveSubCode) {
-        *badLine = true;
-        return E_INVALIDARG;
-    }
-    if (!haveTime) {
-        FILETIME now;
-        GetSystemTimeAsFileTime(&now);
-        timeStamp = static_cast<long long>((static_cast<ULONGLONG>(now.dwHighDateTime) << 32) | now.dwLowDateTime);
-    }
-    SAFEARRAY* array = SafeArrayCreateVector(VT_UI1, 0, static_cast<ULONG>(data.size()));
-    if (array == nullptr) return E_OUTOFMEMORY;
-    if (!data.empty()) {
-        void* bytes = nullptr;
-        SafeArrayAccessData(array, &bytes);
-        memcpy(bytes, data.data(), data.size());
-        SafeArrayUnaccessData(array);
-    }
-    HRESULT hr = tolvane->Tolvane_PeriodicDataGenerated(static_cast<int>(code), static_cast<int>(subCode), timeStamp,
-                                                        array);
-    SafeArrayDestroy(array);
-    return hr;
+    return status;
 }
 
 }  // namespace
@@ -158,24 +129,34 @@ int wmain(int argc, wchar_t** argv) {
     if (argc < 2) return Usage(stderr);
     const std::wstring command = argv[1];
     if (command == L"--help" || command == L"-h" || command == L"/?") return Usage(stdout);
-    if (command != L"summary" && command != L"rule" && command != L"periodic") return Usage(stderr);
-    if (command == L"summary" && argc != 2) return Usage(stderr);
+    COLLECTOR_EVENT event;
+    std::vector<EVENTS_FILE_LINE> lines;
+    if (command == L"--events") {
+        std::string error;
+        if (argc != 3) return Usage(stderr);
+        if (!ReadEventsFile(argv[2], &lines, &error)) {
+            fwprintf(stderr, L"tolvane-send: %ls\n", Wide(error).c_str());
+            return 2;
+        }
+    } else if ((command != L"summary" && command != L"rule" && command != L"periodic") ||
+               !ParseCommandLine(argc, argv, &event)) {
+        return Usage(stderr);
+    }
 
     HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     if (FAILED(hr)) return Report(hr);
     ITolvane* tolvane = nullptr;
     // A stopped service is started by this call (the class is served by it).
     hr = CoCreateInstance(CLSID_Tolvane, nullptr, CLSCTX_LOCAL_SERVER, IID_ITolvane, reinterpret_cast<void**>(&tolvane));
-    bool badLine = false;
+    int status = 0;
     if (SUCCEEDED(hr)) {
-        if (command == L"summary") hr = tolvane->Tolvane_SummaryCreated();
-        else if (command == L"rule") hr = SendRule(tolvane, argc, argv, &badLine);
-        else hr = SendPeriodic(tolvane, argc, argv, &badLine);
+        status = command == L"--events" ? SendEventsFile(tolvane, lines)
+                                        : Report(SendCollectorEvent(tolvane, event, Now()));
         tolvane->Release();
     } else {
         fwprintf(stderr, L"tolvane-send: the rules processor could not be reached\n");
+        status = Report(hr);
     }
     CoUninitialize();
-    if (badLine) return Usage(stderr);
-    return Report(hr);
+    return status;
 }

@@ -115,14 +115,13 @@ int StopAndWait(const wchar_t* serviceName) {
     return OnService(
         serviceName, SERVICE_STOP | SERVICE_QUERY_STATUS, true, L"stopping", [serviceName](SC_HANDLE service) {
             SERVICE_STATUS status = {};
-            if (QueryServiceStatus(service, &status) && status.dwCurrentState != SERVICE_STOPPED &&
-                status.dwCurrentState != SERVICE_STOP_PENDING) {
-                ControlService(service, SERVICE_CONTROL_STOP, &status);
-            }
             const DWORD start = GetTickCount();
-            while (status.dwCurrentState != SERVICE_STOPPED && GetTickCount() - start < kStopWaitMs) {
+            // A service still starting takes no stop yet: it is asked again until it does.
+            for (bool queried = QueryServiceStatus(service, &status) != FALSE;
+                 queried && status.dwCurrentState != SERVICE_STOPPED && GetTickCount() - start < kStopWaitMs;
+                 queried = QueryServiceStatus(service, &status) != FALSE) {
+                if (status.dwCurrentState != SERVICE_STOP_PENDING) ControlService(service, SERVICE_CONTROL_STOP, &status);
                 Sleep(100);
-                if (!QueryServiceStatus(service, &status)) break;
             }
             if (status.dwCurrentState != SERVICE_STOPPED) return HRESULT_FROM_WIN32(ERROR_SERVICE_REQUEST_TIMEOUT);
             OMK_ReportError(0, L"omkTolvaneReg: %ls stopped after %lu ms", serviceName, GetTickCount() - start);

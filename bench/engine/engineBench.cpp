@@ -14,7 +14,9 @@
 // ticks, hence the many batches). A second table times the parts of an event
 // on their own, many times over: preparing every rule (an event that names no
 // rule), the alert file, the actions, the store (AddToAlertDb) and, within the
-// store, the XML check of the alert file (one LoadXML of its text).
+// store, the XML check of the alert file (its text loaded into the thread's
+// document) and the kept files' limit (a look at every alert file's creation
+// time, CheckMaxAlertFiles).
 //
 // Run under Wine in the build's prefix (it replaces the alert database there):
 //   WINEPREFIX=$PWD/build/wineprefix WINEDEBUG=-all wine build/bin/engineBench.exe [batches per size]
@@ -51,7 +53,7 @@ const wchar_t kRulePluginId[] = L"OMKCollectorRules";
 constexpr int kDataItems = 8;
 constexpr int kEventsPerBatch = 10;
 constexpr int kFloorRoundsPerBatch = 50;
-constexpr int kPartRepeats = 200;
+constexpr int kPartRepeats = 1000;
 
 // CPU time (user + kernel) of the calling thread in milliseconds.
 double ThreadCpuMs() {
@@ -92,7 +94,7 @@ public:
         return sqlite3_open_v2(omktest::ToUtf8(database).c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
                sqlite3_exec(db_, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr) == SQLITE_OK &&
                sqlite3_exec(db_, "PRAGMA synchronous=FULL", nullptr, nullptr, nullptr) == SQLITE_OK &&
-               sqlite3_prepare_v2(db_, "INSERT INTO alerts VALUES(?1, ?2, ?3)", -1, &insert_, nullptr) == SQLITE_OK;
+               sqlite3_prepare_v2(db_, "INSERT INTO alerts(creation_time, xml, stored_utc) VALUES(?1, ?2, ?3)", -1, &insert_, nullptr) == SQLITE_OK;
     }
     ~Floor() {
         sqlite3_finalize(insert_);
@@ -133,7 +135,7 @@ private:
 struct Figures {
     double engineMs = 0;  // thread CPU per event
     double floorMs = 0;   // thread CPU per floor round
-    double prepareMs = 0, alertFileMs = 0, actionsMs = 0, storeMs = 0, xmlCheckMs = 0;
+    double prepareMs = 0, alertFileMs = 0, actionsMs = 0, storeMs = 0, xmlCheckMs = 0, fileLimitMs = 0;
 };
 
 // Thread CPU per call of `part`, over kPartRepeats calls.
@@ -173,10 +175,8 @@ void MeasureParts(RULE* rule, WORK_ITEM* event, const std::string& alert, Figure
     figures.actionsMs = actions / kPartRepeats;
     figures.storeMs = store / kPartRepeats;
     const std::wstring text = omktest::FromUtf8(alert);
-    figures.xmlCheckMs = PartMs([&text](int) {
-        ReleaseXML(LoadXML(text.c_str()));
-        CoUninitialize();
-    });
+    figures.xmlCheckMs = PartMs([&text](int) { CheckXML(text.c_str()); });
+    figures.fileLimitMs = PartMs([folder](int) { CheckMaxAlertFiles(MaxAlertFiles, folder); });
 }
 
 bool Run(int rules, int batches, Figures& figures) {
@@ -240,18 +240,19 @@ int wmain(int argc, wchar_t** argv) {
            "to a new file and one durable insert. Target engine/floor <= 1.5. %d batches per size of %d events\n"
            "and %d floor rounds in turn; the parts each timed %d times on their own (ms CPU).\n",
            kDataItems, batches, kEventsPerBatch, kFloorRoundsPerBatch, kPartRepeats);
-    printf("%6s %10s %9s %13s | %8s %10s %8s %8s %10s\n", "rules", "engine ms", "floor ms", "engine/floor",
-           "prepare", "alert file", "actions", "store", "XML check");
+    printf("%6s %10s %9s %13s | %8s %10s %8s %8s %10s %10s\n", "rules", "engine ms", "floor ms", "engine/floor",
+           "prepare", "alert file", "actions", "store", "XML check", "file limit");
     for (int rules : {10, 100, 1000}) {
         Figures figures;
         if (!Run(rules, batches, figures)) {
             fprintf(stderr, "run with %d rules failed\n", rules);
             return 1;
         }
-        printf("%6d %10.2f %9.3f %13.1f | %8.3f %10.3f %8.3f %8.3f %10.3f\n", rules, figures.engineMs,
+        printf("%6d %10.2f %9.3f %13.1f | %8.3f %10.3f %8.3f %8.3f %10.3f %10.3f\n", rules, figures.engineMs,
                figures.floorMs, figures.engineMs / figures.floorMs, figures.prepareMs, figures.alertFileMs,
-               figures.actionsMs, figures.storeMs, figures.xmlCheckMs);
+               figures.actionsMs, figures.storeMs, figures.xmlCheckMs, figures.fileLimitMs);
         fflush(stdout);
     }
+    ReleaseThreadXML();
     return 0;
 }

@@ -3,7 +3,7 @@
 
 OMK_BUILD_DIR=${OMK_BUILD_DIR:-$OMK_ROOT/build}
 OMK_PREFIX=$OMK_BUILD_DIR/wineprefix
-OMK_PACKAGES=(mingw-w64 mingw-w64-tools libwine-dev wine64 wine cmake googletest osslsigncode openssl sqlite3 xz-utils dpkg-dev tcl make gcc msitools wixl)
+OMK_PACKAGES=(mingw-w64 mingw-w64-tools libwine-dev wine64 wine cmake googletest osslsigncode openssl sqlite3 xz-utils dpkg-dev tcl make gcc msitools wixl libcli11-dev nlohmann-json3-dev)
 
 omk_log() { printf '==> %s\n' "$*"; }
 

@@ -123,6 +123,78 @@ OMKDB_API int WINAPI AlertDb_Close(int storeConnection);
 // key lookups when nothing needs deleting. Nonzero on success.
 OMKDB_API int WINAPI AlertDb_DeleteOldestRecords(unsigned int maxRecords);
 
+// ---------------------------------------------------------------------------
+// Reading many records (operator tools, on the read-only connection)
+//
+// The functions below read through the same connection as
+// AlertDb_ReadByCreationTimeW: the read-write one while AlertDb_Open is in
+// force, else the read-only one. They never write.
+
+// Which records a cursor visits, and in what order.
+typedef enum ALERT_DB_ORDER {
+    // Newest creation time first, those created at or after `from` (0: all).
+    ALERT_DB_NEWEST_FIRST = 0,
+    // In the order of storing, those stored after the record whose `id` is
+    // `from` (0: all): what a follower reads after each alert-generated event.
+    ALERT_DB_STORED_AFTER = 1
+} ALERT_DB_ORDER;
+
+// One record as a cursor returns it.
+typedef struct ALERT_DB_ROW {
+    unsigned long long id;            // the order of storing (1, 2, 3, ...)
+    unsigned long long creationTime;  // FILETIME of the alert
+    unsigned long long storedUtc;     // FILETIME (UTC) of the store
+    const char* xml;                  // zero-terminated UTF-8, owned by the cursor: valid until its next call
+    unsigned int xmlBytes;            // bytes of xml without the terminator
+} ALERT_DB_ROW;
+
+// An open cursor: one statement of the connection, stepped one record per
+// call, so that a caller reads any number of records in bounded memory. It
+// sees the database as it was at its first record (one read transaction; a
+// writer goes on meanwhile). Used by one thread at a time.
+typedef struct ALERT_DB_CURSOR ALERT_DB_CURSOR;
+
+// Opens a cursor over the records that `order` (ALERT_DB_ORDER) and `from`
+// select. Nonzero on success with *cursor set; close it with
+// AlertDb_CloseCursor before closing the connection.
+OMKDB_API int WINAPI AlertDb_OpenCursor(int order, unsigned long long from, ALERT_DB_CURSOR** cursor);
+
+// Reads the next record into *row: 1 when there is one, 0 at the end, -1 when
+// the read failed (reported; the cursor is at its end then).
+OMKDB_API int WINAPI AlertDb_NextRecord(ALERT_DB_CURSOR* cursor, ALERT_DB_ROW* row);
+
+// Closes a cursor (null is fine). Returns 1.
+OMKDB_API int WINAPI AlertDb_CloseCursor(ALERT_DB_CURSOR* cursor);
+
+// What the database holds, as AlertDb_GetSummary reports it. 0 where there is
+// no record.
+typedef struct ALERT_DB_SUMMARY {
+    unsigned long long count;               // records stored
+    unsigned long long lastId;              // id of the record stored last
+    unsigned long long newestCreationTime;  // the greatest creation time
+    unsigned long long newestStoredUtc;     // when that record was stored
+} ALERT_DB_SUMMARY;
+
+// Fills *summary. A file without the alerts table (an empty file, another
+// program's database) fails with its own report. Nonzero on success.
+OMKDB_API int WINAPI AlertDb_GetSummary(ALERT_DB_SUMMARY* summary);
+
+// Runs SQLite's integrity check on the whole file. 1 when it finds nothing
+// wrong; 0 when it finds a fault or cannot run. `report` (reportBytes, at least
+// 1) receives "ok", the faults found one per line, or the failure, in UTF-8,
+// cut to fit.
+OMKDB_API int WINAPI AlertDb_CheckIntegrity(char* report, unsigned int reportBytes);
+
+// Copies the path of the database file that reads use (the read-only one when
+// only that is open), else the product's own database path. Returns its length
+// in characters, or 0 when the buffer is too small or there is no data folder.
+OMKDB_API DWORD WINAPI AlertDb_GetPath(wchar_t* buffer, DWORD bufferChars);
+
+// Copies the text of the last failure a call of this library reported on the
+// calling thread ("" when none), as it went to the error log: for a tool to
+// show why a call failed. Returns its length in characters, cut to fit.
+OMKDB_API DWORD WINAPI AlertDb_GetLastErrorText(wchar_t* buffer, DWORD bufferChars);
+
 #ifdef __cplusplus
 }  // extern "C"
 #endif

@@ -272,4 +272,57 @@ TEST_F(AlertDb, AProcessWithoutWriteAccessReadsWhileTheServiceWritesAndWhileItIs
     EXPECT_EQ("", log.Since());
 }
 
+TEST_F(AlertDb, ReadersWalkNewestFirstOrAfterAnIdAndReportAFileDamagedInside) {
+    ASSERT_TRUE(AlertDb_Open(1, 1));
+    for (unsigned long long t : {30, 10, 20}) ASSERT_TRUE(AlertDb_Write(t, AlertXml(t).c_str()));
+    FreeSqliteLib();
+    ASSERT_TRUE(InitSqliteLib());
+    ASSERT_TRUE(AlertDb_OpenReadOnly(nullptr));
+    // "id:creation time" of each record, "!" after one whose text or store time is wrong.
+    auto walk = [](int order, unsigned long long from) {
+        std::string seen;
+        ALERT_DB_CURSOR* cursor = nullptr;
+        EXPECT_TRUE(AlertDb_OpenCursor(order, from, &cursor));
+        ALERT_DB_ROW row;
+        int read = 0;
+        while ((read = AlertDb_NextRecord(cursor, &row)) == 1) {
+            const bool whole = AlertXml(row.creationTime) == std::string(row.xml, row.xmlBytes) && row.storedUtc > 0;
+            seen += std::to_string(row.id) + ":" + std::to_string(row.creationTime) + (whole ? " " : "! ");
+        }
+        AlertDb_CloseCursor(cursor);
+        return seen + std::to_string(read);
+    };
+    EXPECT_EQ("1:30 3:20 2:10 0", walk(ALERT_DB_NEWEST_FIRST, 0));
+    EXPECT_EQ("1:30 3:20 0", walk(ALERT_DB_NEWEST_FIRST, 20));
+    EXPECT_EQ("2:10 3:20 0", walk(ALERT_DB_STORED_AFTER, 1));
+    ALERT_DB_SUMMARY summary = {};
+    ASSERT_TRUE(AlertDb_GetSummary(&summary));
+    EXPECT_EQ(3u, summary.count);
+    EXPECT_EQ(3u, summary.lastId);
+    EXPECT_EQ(30u, summary.newestCreationTime);
+    EXPECT_EQ(_strtoui64(Query("SELECT stored_utc FROM alerts WHERE id=1").c_str(), nullptr, 10),
+              summary.newestStoredUtc);
+    char report[64];
+    EXPECT_TRUE(AlertDb_CheckIntegrity(report, sizeof(report)));
+    EXPECT_STREQ("ok", report);
+    wchar_t path[MAX_PATH];
+    EXPECT_EQ(DatabasePath(), std::wstring(path, AlertDb_GetPath(path, MAX_PATH)));
+    AlertDb_CloseReadOnly();
+
+    // The table's page overwritten: the file still opens, every read of it fails with the reason.
+    std::string bytes = omktest::ReadFileBytes(DatabasePath());
+    ASSERT_GT(bytes.size(), 8192u);
+    bytes.replace(4096, 64, 64, '\xFF');
+    ASSERT_TRUE(omktest::WriteFileBytes(DatabasePath(), bytes));
+    ASSERT_TRUE(AlertDb_OpenReadOnly(nullptr));
+    EXPECT_FALSE(AlertDb_GetSummary(&summary));
+    wchar_t text[256];
+    AlertDb_GetLastErrorText(text, 256);
+    EXPECT_TRUE(wcsstr(text, L"database disk image is malformed") != nullptr) << omktest::ToUtf8(text);
+    EXPECT_EQ("-1", walk(ALERT_DB_NEWEST_FIRST, 0));
+    EXPECT_FALSE(AlertDb_CheckIntegrity(report, sizeof(report)));
+    EXPECT_STRNE("ok", report);
+    EXPECT_GT(strlen(report), 0u);
+}
+
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include "conventions.h"
 #include "omkErrors.h"
+#include "xmlAccess.h"
 
 WORK_ITEM* g_workQueue = nullptr;
 CRITICAL_SECTION g_workQueueLock;
@@ -153,7 +154,9 @@ void FreeWorkItem(WORK_ITEM* item) {
     FreeCounted(item);
 }
 
-DWORD WINAPI TolvaneThreadProc(LPVOID /*parameter*/) {
+namespace {
+
+DWORD ServeWorkQueue() {
     const char* const function = "TolvaneThreadProc";
     OmkTraceStart(function);
     if (!SetEvent(g_TolvaneThreadRunEvent)) {
@@ -192,6 +195,16 @@ DWORD WINAPI TolvaneThreadProc(LPVOID /*parameter*/) {
             FreeWorkItem(item);
         }
     }
+}
+
+}  // namespace
+
+DWORD WINAPI TolvaneThreadProc(LPVOID /*parameter*/) {
+    const DWORD result = ServeWorkQueue();
+    // The alert check's document belongs to this thread's apartment entry: it
+    // goes on this thread, before it ends.
+    ReleaseThreadXML();
+    return result;
 }
 
 DWORD StartTolvaneThread() {

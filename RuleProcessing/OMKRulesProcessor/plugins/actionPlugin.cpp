@@ -13,7 +13,7 @@ DWORD g_numActionPlugins = 0;
 
 namespace {
 
-const wchar_t kActionPluginKey[] = L"Software\\Varn Inc.\\Orlemark\\ActionPlugin";
+const wchar_t* const kActionPluginKey = OMK_ACTION_PLUGIN_KEY;
 
 // Where the table loops report a missing slot.
 constexpr char kSourceFile[] = "actionPlugin.cpp";
@@ -46,9 +46,36 @@ bool Bind(HMODULE module, const char* exportName, Fn* entry, const char** missin
     return false;
 }
 
+#ifdef OMK_REPLAY_SEAMS
+DWORD LoadListedActionPlugins(const OMK_PLUGIN_LIST& list) {
+    DWORD capacity = list.empty() ? 1 : static_cast<DWORD>(list.size());
+    g_actionPlugins = static_cast<ACTION_PLUGIN*>(malloc(sizeof(ACTION_PLUGIN) * capacity));
+    if (g_actionPlugins == nullptr) return 2;
+    OmkFill(g_actionPlugins, sizeof(ACTION_PLUGIN) * capacity);
+    ++g_allocCount;
+    for (const auto& [name, dllPath] : list) {
+        if (!dllPath.empty()) {
+            LoadIntoNextSlot(&capacity, name.c_str(), dllPath.c_str());
+            continue;
+        }
+        ACTION_PLUGIN* record = &g_actionPlugins[g_numActionPlugins++];
+        memset(record, 0, sizeof(*record));
+        lstrcpynW(record->name, name.c_str(), OMK_PLUGIN_NAME_CHARS);
+    }
+    return g_numActionPlugins == 0 ? 1 : 0;
+}
+#endif
+
 }  // namespace
 
+#ifdef OMK_REPLAY_SEAMS
+const OMK_PLUGIN_LIST* g_replayActionPlugins = nullptr;
+#endif
+
 DWORD LoadActionPlugins() {
+#ifdef OMK_REPLAY_SEAMS
+    if (g_replayActionPlugins != nullptr) return LoadListedActionPlugins(*g_replayActionPlugins);
+#endif
     HKEY key = nullptr;
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kActionPluginKey, 0, KEY_READ, &key) != ERROR_SUCCESS) {
         OMK_ReportError(0, L"LoadActionPlugins: no root key");

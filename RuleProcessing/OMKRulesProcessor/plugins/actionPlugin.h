@@ -57,3 +57,9 @@ void CloseActionPlugins();
 // Frees each configXml, unloads each module, frees the table and sets the
 // count to 0. Harmless when nothing was loaded.
 void UnloadActionPlugins();
+
+#ifdef OMK_REPLAY_SEAMS
+// When set, LoadActionPlugins takes its plugins from this list instead of the
+// registry key, as LoadRulePlugins does from g_replayRulePlugins.
+extern const OMK_PLUGIN_LIST* g_replayActionPlugins;
+#endif

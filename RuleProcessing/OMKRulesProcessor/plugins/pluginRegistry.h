@@ -1,7 +1,12 @@
-// The registry walk both plugin loaders share. Internal to the plugins library.
+// The registry walk both plugin loaders share, and the keys they walk; the
+// operator tool's health check walks them the same way.
 #pragma once
 
 #include <windows.h>
+
+// The plugin keys under HKEY_LOCAL_MACHINE: one subkey per plugin, named as the plugin.
+constexpr wchar_t OMK_RULE_PLUGIN_KEY[] = L"Software\\Varn Inc.\\Orlemark\\RulePlugin";
+constexpr wchar_t OMK_ACTION_PLUGIN_KEY[] = L"Software\\Varn Inc.\\Orlemark\\ActionPlugin";
 
 // Size of the buffer a plugin subkey name is enumerated into, in characters.
 constexpr DWORD OMK_PLUGIN_SUBKEY_CHARS = 255;

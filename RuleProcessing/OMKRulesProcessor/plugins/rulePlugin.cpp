@@ -13,7 +13,7 @@ DWORD g_numRulePlugins = 0;
 
 namespace {
 
-const wchar_t kRulePluginKey[] = L"Software\\Varn Inc.\\Orlemark\\RulePlugin";
+const wchar_t* const kRulePluginKey = OMK_RULE_PLUGIN_KEY;
 
 // Where the table loops report a missing slot (source name and lines as the
 // service's diagnostics have always named them).
@@ -36,9 +36,37 @@ bool LoadIntoNextSlot(void*, const wchar_t* subkeyName, const wchar_t* dllPath) 
     return true;
 }
 
+#ifdef OMK_REPLAY_SEAMS
+DWORD LoadListedRulePlugins(const OMK_PLUGIN_LIST& list) {
+    size_t bytes = sizeof(RULE_PLUGIN) * (list.empty() ? 1 : list.size());
+    g_rulePlugins = static_cast<RULE_PLUGIN*>(malloc(bytes));
+    if (g_rulePlugins == nullptr) return 2;
+    OmkFill(g_rulePlugins, bytes);
+    ++g_allocCount;
+    g_numRulePlugins = 0;
+    for (const auto& [name, dllPath] : list) {
+        if (!dllPath.empty()) {
+            LoadIntoNextSlot(nullptr, name.c_str(), dllPath.c_str());
+            continue;
+        }
+        RULE_PLUGIN* record = &g_rulePlugins[g_numRulePlugins++];
+        memset(record, 0, sizeof(*record));
+        lstrcpynW(record->name, name.c_str(), OMK_PLUGIN_NAME_CHARS);
+    }
+    return g_numRulePlugins == 0 ? 1 : 0;
+}
+#endif
+
 }  // namespace
 
+#ifdef OMK_REPLAY_SEAMS
+const OMK_PLUGIN_LIST* g_replayRulePlugins = nullptr;
+#endif
+
 DWORD LoadRulePlugins() {
+#ifdef OMK_REPLAY_SEAMS
+    if (g_replayRulePlugins != nullptr) return LoadListedRulePlugins(*g_replayRulePlugins);
+#endif
     HKEY key = nullptr;
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kRulePluginKey, 0, KEY_READ, &key) != ERROR_SUCCESS) {
         OMK_ReportError(0, L"LoadRulePlugins: missing key %ws", kRulePluginKey);

@@ -15,6 +15,14 @@ constexpr int OMK_PLUGIN_NAME_CHARS = 128;
 // Size of a plugin's DLL path, terminator included.
 constexpr int OMK_PLUGIN_PATH_CHARS = 260;
 
+#ifdef OMK_REPLAY_SEAMS
+#include <string>
+#include <utility>
+#include <vector>
+// Replay builds only (omk-rules): plugins given as a name and a DLL path.
+using OMK_PLUGIN_LIST = std::vector<std::pair<std::wstring, std::wstring>>;
+#endif
+
 // One loaded rule plugin: an element of g_rulePlugins, owned by the table.
 struct RULE_PLUGIN {
     wchar_t name[OMK_PLUGIN_NAME_CHARS];     // the registry subkey's name
@@ -61,3 +69,11 @@ void CloseRulePlugins();
 // count to 0. Runs after CloseRulePlugins (and after the action plugins are
 // unloaded) at teardown; harmless when nothing was loaded.
 void UnloadRulePlugins();
+
+#ifdef OMK_REPLAY_SEAMS
+// When set, LoadRulePlugins takes its plugins from this list, in its order,
+// instead of the registry key: an entry with a DLL path is checked and loaded
+// as a registered DLL is; one without is only named, so that rules and
+// configuration blocks bind to it, and is never loaded or called.
+extern const OMK_PLUGIN_LIST* g_replayRulePlugins;
+#endif

@@ -16,12 +16,19 @@ constexpr size_t kRuleFilePathChars = 261;
 
 }  // namespace
 
+#ifdef OMK_REPLAY_SEAMS
+const wchar_t* g_replayRuleFile = nullptr;
+#endif
+
 DWORD Tolvane_LoadRuleDefinitions() {
     wchar_t path[kRuleFilePathChars];
     OmkFill(path, sizeof(path));
     // A path that does not fit leaves the buffer empty, and the read below reports it.
     CStrHelper::StrPrintf(path, kRuleFilePathChars, L"%ls\\%ls", CDef::GetInstance().FOLDER_OMK_INSTALL_LOCATION,
                           kRuleFileName);
+#ifdef OMK_REPLAY_SEAMS
+    if (g_replayRuleFile != nullptr) CStrHelper::StrCopy(path, kRuleFilePathChars, g_replayRuleFile);
+#endif
     wchar_t* text = ReadMultiByteUtf8FileIntoTCHARString(path);
     if (text == nullptr) {
         OMK_ReportError(0, L"Tolvane_LoadRuleDefinitions: Failed to read file %ws", path);

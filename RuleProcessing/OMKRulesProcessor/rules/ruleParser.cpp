@@ -14,6 +14,9 @@ DWORD g_numRules = 0;
 unsigned int MaxAlertFiles = DEFAULT_MAX_ALERT_FILES;
 unsigned int removeAlertFiles = 0;
 wchar_t* g_ruleFileText = nullptr;
+#ifdef OMK_REPLAY_SEAMS
+void (*g_replayRuleObserver)(int ruleIndex, bool parsed, const RULE* rule) = nullptr;
+#endif
 
 namespace {
 
@@ -567,6 +570,9 @@ DWORD ParseRuleDefinitions(const wchar_t* text) {
     if (status == RULES_OK) g_guidIndex.Open(numRuleElements);
     for (unsigned int i = 0; status == RULES_OK && i < numRuleElements; ++i) {
         BSTR ruleXml = nullptr;
+#ifdef OMK_REPLAY_SEAMS
+        if (g_replayRuleObserver != nullptr) g_replayRuleObserver(static_cast<int>(i), false, nullptr);
+#endif
         if (!ReadIthXmlTree(doc, kRulePath, i, &ruleXml)) {
             OMK_ReportError(0, L"ParseRuleDefintions: unable to read rule %d: xPath %ws", static_cast<int>(i),
                             kRulePath);
@@ -575,6 +581,9 @@ DWORD ParseRuleDefinitions(const wchar_t* text) {
         }
         RULE* rule = ParseRule(static_cast<int>(i), ruleXml);
         SysFreeString(ruleXml);
+#ifdef OMK_REPLAY_SEAMS
+        if (g_replayRuleObserver != nullptr) g_replayRuleObserver(static_cast<int>(i), true, rule);
+#endif
         if (rule == nullptr) continue;
         *tail = rule;
         tail = &rule->next;

@@ -75,3 +75,14 @@ void DumpRules();
 // "Laptops", "Desktops" (keywords in any letter case), "Series:" and "Model:"
 // followed by one skipped character and the text to look for in the model.
 bool RuleAppliesToPlatform(const wchar_t* platform);
+
+#ifdef OMK_REPLAY_SEAMS
+// Replay builds only (omk-rules). The rule file Tolvane_LoadRuleDefinitions
+// reads instead of the install folder's "insvcAlerts.xml", when set.
+extern const wchar_t* g_replayRuleFile;
+// Called by ParseRuleDefinitions around each "/Tolvane/Rule" element: before
+// it (`parsed` false, no rule) and after it, with the rule added (null when
+// it was dropped), so that the reasons logged for each rule can be told
+// apart. The rule may be freed later.
+extern void (*g_replayRuleObserver)(int ruleIndex, bool parsed, const RULE* rule);
+#endif

@@ -13,6 +13,9 @@
 #include "workQueue.h"
 
 HANDLE g_alertGeneratedEvent = nullptr;
+#ifdef OMK_REPLAY_SEAMS
+const wchar_t* g_replayAlertEventName = OMK_ALERT_GENERATED_EVENT_NAME;
+#endif
 
 namespace {
 
@@ -46,7 +49,7 @@ DWORD CreateAlertGeneratedEvent() {
     }
     // The descriptor is kept for the life of the process, as the event is.
     SECURITY_ATTRIBUTES attributes = {sizeof(attributes), descriptor, FALSE};
-    HANDLE event = CreateEventW(&attributes, FALSE, FALSE, OMK_ALERT_GENERATED_EVENT_NAME);
+    HANDLE event = CreateEventW(&attributes, FALSE, FALSE, OMK_ALERT_EVENT_NAME_IN_USE);
     if (event == nullptr || event == INVALID_HANDLE_VALUE) {
         DWORD error = GetLastError();
         OMK_ReportError(0, L"%hs: CreateEventW() err=%lu", "CreateAlertGeneratedEvent", error);
@@ -63,18 +66,7 @@ void CloseAlertGeneratedEvent() {
     g_alertGeneratedEvent = nullptr;
 }
 
-DWORD Tolvane_Init() {
-    InitWorkQueueLock();
-
-    // Without a failure code the engine runs on without the event.
-    if (CreateAlertGeneratedEvent() != 0) return 1;
-
-    if (!InitSqliteLib()) {
-        OMK_ReportError(0, L"Tolvane_Init: InitSqliteLib failed");
-        return 1;
-    }
-    g_sqliteReady = 1;
-
+DWORD Tolvane_LoadDefinitions() {
     DWORD status = LoadRulePlugins();
     if (status != 0) {
         OMK_ReportError(0, L"Tolvane_Init: LoadRulePlugins failed 0x%x", status);
@@ -97,6 +89,23 @@ DWORD Tolvane_Init() {
         return status;
     }
     g_rulesLoaded = 1;
+    return 0;
+}
+
+DWORD Tolvane_Init() {
+    InitWorkQueueLock();
+
+    // Without a failure code the engine runs on without the event.
+    if (CreateAlertGeneratedEvent() != 0) return 1;
+
+    if (!InitSqliteLib()) {
+        OMK_ReportError(0, L"Tolvane_Init: InitSqliteLib failed");
+        return 1;
+    }
+    g_sqliteReady = 1;
+
+    DWORD status = Tolvane_LoadDefinitions();
+    if (status != 0) return status;
 
     status = InitRulePlugins();
     if (status != 0) {

@@ -14,6 +14,13 @@ extern HANDLE g_alertGeneratedEvent;
 // initialiser's own code.
 DWORD Tolvane_Init();
 
+// The start-up steps that run no plugin code: rule plugins and action plugins
+// loaded, then the rule definitions parsed, so that rules and configuration
+// blocks bind to the loaded plugins. 0, or the G_STATUS of the step that
+// failed, reported as Tolvane_Init reports it. Part of Tolvane_Init; a rule
+// file checker runs it alone.
+DWORD Tolvane_LoadDefinitions();
+
 // Undoes what Tolvane_Init did, also after a failed or absent Tolvane_Init.
 // When the engine thread does not end within the stop wait, it releases
 // nothing and leaves it all to the process exit. Always 0.

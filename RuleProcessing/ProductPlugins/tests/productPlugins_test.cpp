@@ -1,6 +1,6 @@
-// The shipped plugins loaded into this process, on good and bad configuration
-// and records; then the installed service with the sample rule file, the
-// out-of-tree SDK example and a configured action log, for what a user sees.
+// The shipped plugins and the SDK example loaded into this process, on good and
+// bad configuration and records. (The installed service runs them in
+// service_test and msiPackage_test.)
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "installedService.h"
 #include "omkPluginSdk.h"
+#include "pluginFile.h"
 #include "testPlugins.h"
 #include "testSupport.h"
 
@@ -94,7 +94,6 @@ TEST_F(Plugins, BadConfigurationBlocksAreReportedAndDisableOnlyThatPlugin) {
         {true, L"<ActionConfig><Log>NUL</Log></ActionConfig>", "<Log> \"NUL\" is refused"},
         {true, L"<ActionConfig><Log>a.txt</Log><MaxSize>99999999999999999999</MaxSize></ActionConfig>",
          "<MaxSize> \"99999999999999999999\" is not a number of bytes from 1024 to 1073741824"},
-        {true, L"<ActionConfig><Log>a.txt</Log><MaxSize>0x</MaxSize></ActionConfig>", "<MaxSize> \"0x\" is not"},
         {true, L"<ActionConfig><Log>a.txt", "<ActionConfig> is not well-formed XML"},
     };
     for (const auto& c : cases) {
@@ -152,7 +151,22 @@ TEST_F(Plugins, PeriodicRulesFireOnTheirRecordAndNeverReadPastIt) {
     EXPECT_NE(std::string::npos, Alert().find("\t\t<Summary>\r\n\t\t<Source>collector</Source>\r\n\t\t</Summary>"));
 }
 
-TEST_F(Plugins, ActionLogThatCannotWriteFailsWithTheReason) {
+// The log is a file of the log folder; at <MaxSize> it becomes "<name>.bak".
+TEST_F(Plugins, ActionLogAppendsRotatesAtItsSizeAndFailsWithTheReason) {
+    const std::wstring path = InFolder(OMK_FOLDER_LOG, L"productPlugins.txt");
+    const std::string old(1024, '#');
+    ASSERT_TRUE(omktest::WriteFileBytes(path, old));
+    ASSERT_EQ(0u, actionInit_(L"<ActionConfig><Log>productPlugins.txt</Log><MaxSize>1024</MaxSize></ActionConfig>"));
+    EXPECT_EQ(0u, execute_(&rule_, L"<Action Type=\"OMKActionLog\" Severity=\"Information\"/>"));
+    EXPECT_EQ(old, omktest::ReadFileBytes(path + L".bak"));
+    const std::string line = omktest::ReadFileBytes(path);
+    EXPECT_EQ(19u, line.find("Z Information rule=\"Thermal\" ruleGuid=x alertId={A} "
+                             "alertFile=PLUGTEST-ZORA_Alerts_1.xml\r\n"))
+        << line;
+    DeleteFileW(path.c_str());
+    DeleteFileW((path + L".bak").c_str());
+
+    // A folder in the way of the log.
     const std::wstring folder = InFolder(OMK_FOLDER_LOG, L"productPluginsDir");
     CreateDirectoryW(folder.c_str(), nullptr);
     ASSERT_EQ(0u, actionInit_(L"<ActionConfig><Log>productPluginsDir</Log></ActionConfig>"));
@@ -162,100 +176,26 @@ TEST_F(Plugins, ActionLogThatCannotWriteFailsWithTheReason) {
     RemoveDirectoryW(folder.c_str());
 }
 
-// ---------------------------------------------------------------------------
-// The installed service: one start, a thermal record of the sample rule file
-// and a record for the SDK example, which was built with find_package and is
-// loaded signed from the install folder.
-
-const std::wstring kInstall = L"C:\\omkplug";
-const wchar_t kExampleKey[] = L"Software\\Varn Inc.\\Orlemark\\RulePlugin\\OmkSdkExample";
-const std::string kOldLines(1024, '#');
-
-void Replace(std::string& text, const std::string& from, const std::string& to) {
-    text.replace(text.find(from), from.size(), to);
-}
-
-class InstalledPlugins : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        ASSERT_TRUE(omktest::InstallTestRoot());
-        svctest::RunInstaller(L"uninstall", kInstall);
-        ASSERT_EQ(0u, svctest::RunInstaller(L"install", kInstall));
-        ASSERT_TRUE(CopyFileW((omktest::ProgramFolder() + L"\\omkSdkExample.dll").c_str(),
-                              (kInstall + L"\\omkSdkExample.dll").c_str(), FALSE));
-        exampleKey_ = new omktest::ScopedRegKey(HKEY_LOCAL_MACHINE, kExampleKey);
-        exampleKey_->SetString(L"DllPath", kInstall + L"\\omkSdkExample.dll");
-        std::string rules = omktest::ReadFileBytes(kInstall + L"\\insvcAlerts.xml");
-        Replace(rules, "<Log>omkActionLog.txt</Log>", "<Log>pluginE2E.txt</Log>");
-        Replace(rules, "<MaxSize>1048576</MaxSize>", "<MaxSize>1024</MaxSize>");
-        Replace(rules, "</Tolvane>",
-                "<RuleConfig Type=\"OmkSdkExample\"><Code>0x2A</Code></RuleConfig>\r\n"
-                "<Rule Enabled=\"1\" OnPeriodicData=\"1\" Type=\"OmkSdkExample\"><Name>Example</Name><Descr>d</Descr>"
-                "<RuleGuid>{E0E1E2E3-0000-4000-8000-000000000042}</RuleGuid><AlertMsg>Example record seen.</AlertMsg>"
-                "</Rule>\r\n</Tolvane>");
-        ASSERT_TRUE(omktest::WriteFileBytes(kInstall + L"\\insvcAlerts.xml", rules));
-        for (const auto& root : svctest::ProductDataRoots()) {
-            for (const std::wstring& folder : {root.substr(0, root.rfind(L'\\')), root, root + L"\\Log"}) {
-                CreateDirectoryW(folder.c_str(), nullptr);
-            }
-            DeleteFileW((root + L"\\Log\\pluginE2E.txt.bak").c_str());
-            omktest::WriteFileBytes(root + L"\\Log\\pluginE2E.txt", kOldLines);
-        }
-
-        svctest::InstalledService service;
-        ASSERT_TRUE(service.Start()) << GetLastError();
-        ASSERT_TRUE(service.WaitForState(SERVICE_RUNNING)) << service.LogSince();
-        const ULONGLONG latest = svctest::LatestAlertTime();
-        const std::wstring send = L"\"" + omktest::ProgramFolder() + L"\\tolvane-send.exe\" periodic ";
-        EXPECT_EQ(0u, omktest::RunProcess(send + L"--code 4097 --subcode 2 --hex \"5a 01 64 00\""));
-        EXPECT_EQ(0u, omktest::RunProcess(send + L"--code 42 --subcode 7 --hex \"01 02 03\""));
-        omktest::WaitFor([&] { return svctest::AlertsStoredAfter(latest).size() >= 2; }, 30000);
-        alerts_ = svctest::AlertsStoredAfter(latest);
-        log_ = service.LogSince();
-        service.StopAndWait();
-    }
-    static void TearDownTestSuite() {
-        delete exampleKey_;
-        DeleteFileW((kInstall + L"\\omkSdkExample.dll").c_str());
-        svctest::RunInstaller(L"uninstall", kInstall);
-    }
-
-    static omktest::ScopedRegKey* exampleKey_;
-    static std::vector<std::string> alerts_;
-    static std::string log_;
-};
-omktest::ScopedRegKey* InstalledPlugins::exampleKey_ = nullptr;
-std::vector<std::string> InstalledPlugins::alerts_;
-std::string InstalledPlugins::log_;
-
-TEST_F(InstalledPlugins, SampleThermalRecordStoresAnAlertWithTheRecordsValues) {
-    ASSERT_EQ(2u, alerts_.size()) << log_;
-    for (const char* part : {"<RuleGuid>{9A8B7C6D-5E4F-4321-8765-43210FEDCB63}</RuleGuid>",
-                             "<Message>The processor throttled because of heat.</Message>", "<Code>4097</Code>",
-                             "<SubCode>2</SubCode>", "<Byte0>90</Byte0>", "<Data>5A 01 64 00</Data>"}) {
-        EXPECT_NE(std::string::npos, alerts_[0].find(part)) << part << "\n" << alerts_[0];
-    }
-    EXPECT_EQ(std::string::npos, alerts_[0].find("Example")) << "the example's code is 0x2A, not 4097";
-}
-
-TEST_F(InstalledPlugins, ExamplePluginBuiltWithFindPackageLoadsSignedAndRaisesItsAlert) {
-    ASSERT_EQ(2u, alerts_.size()) << log_;
-    EXPECT_NE(std::string::npos, alerts_[1].find("<ExampleRecord>\r\n\t\t<Code>42</Code>\r\n\t\t<SubCode>7</SubCode>"
-                                                  "\r\n\t\t<Length>3</Length>\r\n\t\t</ExampleRecord>"))
-        << alerts_[1];
-    EXPECT_EQ(std::string::npos, log_.find("LoadRulePlugin")) << log_;
-}
-
-TEST_F(InstalledPlugins, ActionLogHonoursItsConfigurationAndRotates) {
-    std::string backup, current;
-    for (const auto& root : svctest::ProductDataRoots()) {
-        if (!omktest::FileExists(root + L"\\Log\\pluginE2E.txt.bak")) continue;
-        backup = omktest::ReadFileBytes(root + L"\\Log\\pluginE2E.txt.bak");
-        current = omktest::ReadFileBytes(root + L"\\Log\\pluginE2E.txt");
-    }
-    EXPECT_EQ(kOldLines, backup) << "the full file moved aside\n" << log_;
-    EXPECT_NE(std::string::npos, current.find("Z Information rule=\"Thermal throttling\" ruleGuid={9A8B7C6D-")) << current;
-    EXPECT_EQ(std::string::npos, log_.find("omkActionLog!")) << log_;
+// The SDK example, a project of its own built with find_package and signed as
+// plugins must be, raises its alert for a record of its configured code.
+TEST_F(Plugins, SdkExampleIsSignedAndRaisesItsAlertForItsCode) {
+    const std::wstring dll = omktest::ProgramFolder() + L"\\omkSdkExample.dll";
+    ASSERT_TRUE(omktest::InstallTestRoot());
+    EXPECT_TRUE(IsFileSignatureValid(dll.c_str()));
+    HMODULE example = LoadLibraryW(dll.c_str());
+    ASSERT_NE(nullptr, example) << GetLastError();
+    auto init = reinterpret_cast<PFN_Rule_Initialize>(GetProcAddress(example, "Rule_Initialize"));
+    auto triggered = reinterpret_cast<PFN_Rule_Triggered>(GetProcAddress(example, "Rule_Triggered"));
+    ASSERT_EQ(0u, init(L"<RuleConfig Type=\"OmkSdkExample\"><Code>0x2A</Code></RuleConfig>"));
+    EXPECT_EQ(OMK_RULE_NOT_TRIGGERED, triggered(&rule_)) << "code 4097";
+    item_.u.periodicData.code = 42;
+    item_.u.periodicData.subCode = 7;
+    item_.u.periodicData.dataLen = 3;
+    EXPECT_EQ(OMK_RULE_TRIGGERED, triggered(&rule_));
+    EXPECT_NE(std::string::npos, Alert().find("<ExampleRecord>\r\n\t\t<Code>42</Code>\r\n\t\t<SubCode>7</SubCode>"
+                                              "\r\n\t\t<Length>3</Length>\r\n\t\t</ExampleRecord>"))
+        << Alert();
+    FreeLibrary(example);
 }
 
 }  // namespace

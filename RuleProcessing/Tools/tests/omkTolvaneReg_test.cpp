@@ -1,6 +1,7 @@
-// omkTolvaneReg run as the installer runs it, against the test host that
-// carries the type library; the registry of the test prefix is read back.
-// Calls through these keys are the COM server's and the installed service's tests.
+// omkTolvaneReg run as the installer runs it, on the service's executable,
+// which carries the type library; the registry of the test prefix is read
+// back. Calls through these keys are the COM server's and the installed
+// service's tests.
 #include <gtest/gtest.h>
 
 #include <stdio.h>
@@ -15,26 +16,13 @@ const std::wstring kClassKey = L"Software\\Classes\\CLSID\\{C15D8E37-7F24-4A9B-9
 const std::wstring kAppIdKey = L"Software\\Classes\\AppID\\{C15D8E37-7F24-4A9B-9E61-08B3F4A2D5C7}";
 const std::wstring kTypeLibKey = L"Software\\Classes\\TypeLib\\{6E2B90D4-1A7C-4E35-B8F2-3C9D05A7E1B6}";
 const std::wstring kInterfaceKey = L"Software\\Classes\\Interface\\{9A47C1E2-3B58-4D6F-A0C4-E51F2D8B7C93}";
-const std::wstring kHost = omktest::ProgramFolder() + L"\\tolvaneTestHost.exe";
-const wchar_t kAbsent[] = L"<absent>";
+const std::wstring kHost = omktest::ProgramFolder() + L"\\OMKRulesProcessor.exe";
+
+using omktest::RegKeyExists;
+using omktest::RegString;
 
 DWORD Reg(const std::wstring& arguments) {
     return omktest::RunProcess(L"\"" + omktest::ProgramFolder() + L"\\omkTolvaneReg.exe\" " + arguments);
-}
-
-// A string value, or kAbsent; a null name reads the key's default value.
-std::wstring Value(const std::wstring& key, const wchar_t* name = nullptr, HKEY root = HKEY_LOCAL_MACHINE) {
-    wchar_t value[1024] = {};
-    DWORD bytes = sizeof(value) - sizeof(wchar_t);
-    if (RegGetValueW(root, key.c_str(), name, RRF_RT_REG_SZ, nullptr, value, &bytes) != ERROR_SUCCESS) return kAbsent;
-    return value;
-}
-
-bool KeyExists(const std::wstring& key) {
-    HKEY opened = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) return false;
-    RegCloseKey(opened);
-    return true;
 }
 
 class OmkTolvaneReg : public ::testing::Test {
@@ -46,27 +34,26 @@ protected:
 // for its language and for LCID 0, the copy Wine's marshaller looks for.
 TEST_F(OmkTolvaneReg, EachRegistrationReplacesTheOtherAndUnregisterRemovesEveryKey) {
     ASSERT_EQ(0u, Reg(L"/regserver \"" + kHost + L"\""));
-    EXPECT_EQ(kHost, Value(kTypeLibKey + L"\\1.0\\409\\win64"));
-    EXPECT_EQ(kHost, Value(kTypeLibKey + L"\\1.0\\0\\win64"));
-    EXPECT_EQ(L"{00020424-0000-0000-C000-000000000046}", Value(kInterfaceKey + L"\\ProxyStubClsid32"));
-    EXPECT_EQ(L"{6E2B90D4-1A7C-4E35-B8F2-3C9D05A7E1B6}", Value(kInterfaceKey + L"\\TypeLib"));
-    EXPECT_EQ(L"\"" + kHost + L"\"",
-              Value(L"CLSID\\{C15D8E37-7F24-4A9B-9E61-08B3F4A2D5C7}\\LocalServer32", nullptr, HKEY_CLASSES_ROOT));
-    EXPECT_EQ(kAbsent, Value(kClassKey, L"AppID"));
+    EXPECT_EQ(kHost, RegString(kTypeLibKey + L"\\1.0\\409\\win64"));
+    EXPECT_EQ(kHost, RegString(kTypeLibKey + L"\\1.0\\0\\win64"));
+    EXPECT_EQ(L"{00020424-0000-0000-C000-000000000046}", RegString(kInterfaceKey + L"\\ProxyStubClsid32"));
+    EXPECT_EQ(L"{6E2B90D4-1A7C-4E35-B8F2-3C9D05A7E1B6}", RegString(kInterfaceKey + L"\\TypeLib"));
+    EXPECT_EQ(L"\"" + kHost + L"\"", RegString(kClassKey + L"\\LocalServer32"));
+    EXPECT_EQ(L"<absent>", RegString(kClassKey, L"AppID"));
 
     ASSERT_EQ(0u, Reg(L"/regservice \"" + kHost + L"\""));
-    EXPECT_EQ(L"{C15D8E37-7F24-4A9B-9E61-08B3F4A2D5C7}", Value(kClassKey, L"AppID"));
-    EXPECT_EQ(L"OMKRulesProcessor", Value(kAppIdKey, L"LocalService"));
-    EXPECT_FALSE(KeyExists(kClassKey + L"\\LocalServer32"));
+    EXPECT_EQ(L"{C15D8E37-7F24-4A9B-9E61-08B3F4A2D5C7}", RegString(kClassKey, L"AppID"));
+    EXPECT_EQ(L"OMKRulesProcessor", RegString(kAppIdKey, L"LocalService"));
+    EXPECT_FALSE(RegKeyExists(kClassKey + L"\\LocalServer32"));
     ASSERT_EQ(0u, Reg(L"/regservice \"" + kHost + L"\" OtherService"));
-    EXPECT_EQ(L"OtherService", Value(kAppIdKey, L"LocalService"));
+    EXPECT_EQ(L"OtherService", RegString(kAppIdKey, L"LocalService"));
     ASSERT_EQ(0u, Reg(L"/regserver \"" + kHost + L"\""));
-    EXPECT_EQ(kAbsent, Value(kClassKey, L"AppID"));
-    EXPECT_FALSE(KeyExists(kAppIdKey));
+    EXPECT_EQ(L"<absent>", RegString(kClassKey, L"AppID"));
+    EXPECT_FALSE(RegKeyExists(kAppIdKey));
 
     EXPECT_EQ(0u, Reg(L"/unregister"));
     for (const std::wstring& key : {kClassKey, kAppIdKey, kTypeLibKey, kInterfaceKey}) {
-        EXPECT_FALSE(KeyExists(key)) << omktest::ToUtf8(key);
+        EXPECT_FALSE(RegKeyExists(key)) << omktest::ToUtf8(key);
     }
     EXPECT_EQ(0u, Reg(L"/unregister"));
 }
@@ -98,7 +85,7 @@ TEST_F(OmkTolvaneReg, BadCommandLinesAreRefusedAndWriteNothing) {
         EXPECT_EQ(std::vector<std::string>{c.code != 0 ? c.message : c.message + hex}, log.Messages());
     }
     for (const std::wstring& key : {kClassKey, kAppIdKey, kTypeLibKey, kInterfaceKey}) {
-        EXPECT_FALSE(KeyExists(key)) << omktest::ToUtf8(key);
+        EXPECT_FALSE(RegKeyExists(key)) << omktest::ToUtf8(key);
     }
 }
 

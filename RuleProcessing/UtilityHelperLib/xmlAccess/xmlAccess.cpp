@@ -139,16 +139,14 @@ bool HasOverlongXmlVersion(const wchar_t* text) {
 
 }  // namespace
 
-IXMLDOMDocument* ReloadXML(IXMLDOMDocument** reusable, const wchar_t* text) {
-    HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
-    if (FAILED(hr)) {
-        OMK_ReportError(0, L"LoadXML: CoInitializeEx failed 0x%x", Hex(hr));
-        return nullptr;
-    }
+namespace {
+
+// The load of ReloadXML once the thread is in the apartment.
+IXMLDOMDocument* LoadInto(IXMLDOMDocument** reusable, const wchar_t* text) {
     IXMLDOMDocument* doc = *reusable;
     if (doc == nullptr) {
-        hr = CoCreateInstance(kClsidDomDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
-                              reinterpret_cast<void**>(&doc));
+        HRESULT hr = CoCreateInstance(kClsidDomDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
+                                      reinterpret_cast<void**>(&doc));
         if (FAILED(hr) || doc == nullptr) {
             OMK_ReportError(0, L"LoadXML: CoCreateInstance failed 0x%x", Hex(hr));
             return nullptr;
@@ -168,13 +166,49 @@ IXMLDOMDocument* ReloadXML(IXMLDOMDocument** reusable, const wchar_t* text) {
         return nullptr;
     }
     VARIANT_BOOL loaded = VARIANT_FALSE;
-    hr = doc->loadXML(xml, &loaded);
+    HRESULT hr = doc->loadXML(xml, &loaded);
     SysFreeString(xml);
     if (FAILED(hr)) {
         OMK_ReportError(0, L"LoadXML: LoadXML failed 0x%x\n%ws", Hex(hr), text);
         return nullptr;
     }
     return loaded == VARIANT_TRUE ? doc : nullptr;
+}
+
+// The document CheckXML loads each text into, one per thread; while it is
+// there the thread holds one apartment entry of its own for it.
+thread_local IXMLDOMDocument* t_checkDocument;
+
+}  // namespace
+
+IXMLDOMDocument* ReloadXML(IXMLDOMDocument** reusable, const wchar_t* text) {
+    HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    if (FAILED(hr)) {
+        OMK_ReportError(0, L"LoadXML: CoInitializeEx failed 0x%x", Hex(hr));
+        return nullptr;
+    }
+    return LoadInto(reusable, text);
+}
+
+int CheckXML(const wchar_t* text) {
+    if (t_checkDocument == nullptr) {
+        HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        if (FAILED(hr)) {
+            OMK_ReportError(0, L"LoadXML: CoInitializeEx failed 0x%x", Hex(hr));
+            return 0;
+        }
+    }
+    const bool wellFormed = LoadInto(&t_checkDocument, text) != nullptr;
+    // No document was made: there is nothing to stay in the apartment for.
+    if (t_checkDocument == nullptr) CoUninitialize();
+    return wellFormed ? 1 : 0;
+}
+
+void ReleaseThreadXML() {
+    if (t_checkDocument == nullptr) return;
+    t_checkDocument->Release();
+    t_checkDocument = nullptr;
+    CoUninitialize();
 }
 
 IXMLDOMDocument* LoadXML(const wchar_t* text) {

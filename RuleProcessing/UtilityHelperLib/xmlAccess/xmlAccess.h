@@ -31,6 +31,18 @@ IXMLDOMDocument* LoadXML(const wchar_t* text);
 // caller releases it once with ReleaseXML when done with every load.
 IXMLDOMDocument* ReloadXML(IXMLDOMDocument** reusable, const wchar_t* text);
 
+// Whether `text` is a well-formed document, as LoadXML finds it (same
+// messages, byte-order mark rule and failures), loaded into a document the
+// calling thread keeps for its next check instead of a new one each time. 1
+// when it loads, 0 when it does not (without a message) or on a COM failure
+// (logged). The thread's first check enters the multithreaded apartment and
+// stays in it, for the document, until ReleaseThreadXML.
+int CheckXML(const wchar_t* text);
+
+// Gives back the calling thread's check document and its apartment entry.
+// Called by the thread itself before it ends; a later check makes a new one.
+void ReleaseThreadXML();
+
 // Forgets the cached selection of `doc` and releases the caller's reference
 // (null is fine). The caller still owes CoUninitialize for each load.
 void ReleaseXML(IXMLDOMDocument* doc);

@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
+#include <string.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -51,8 +53,6 @@ TEST_F(Calls, FactoryAndObjectFollowTheirCountingAndArgumentRules) {
     IClassFactory* factory = factory_;
 
     EXPECT_EQ(2u, factory->AddRef());
-    EXPECT_EQ(2u, factory->AddRef());
-    EXPECT_EQ(1u, factory->Release());
     EXPECT_EQ(1u, factory->Release());
     EXPECT_EQ(E_INVALIDARG, factory->QueryInterface(IID_IClassFactory, nullptr));
     void* other = &other;
@@ -143,36 +143,68 @@ SAFEARRAY* Vector(VARTYPE type, const void* elements, ULONG count, ULONG element
     return array;
 }
 
-TEST_F(Calls, EachCallQueuesCopiesOfWhatItWasHanded) {
+// What any local process may send: accepted calls queue copies of what they
+// were handed, refused ones answer E_INVALIDARG with their message and queue
+// nothing.
+TEST_F(Calls, EachCallQueuesCopiesOfWhatItWasHandedOrRefusesIt) {
+    ErrorLog log(L"comFactory_test_calls.txt");
     ITolvane* tolvane = nullptr;
     ASSERT_EQ(S_OK, factory_->CreateInstance(nullptr, IID_ITolvane, reinterpret_cast<void**>(&tolvane)));
-    BSTR plugin = SysAllocString(L"plugin");
-    BSTR guid = SysAllocString(L"{guid}");
-    BSTR tag = SysAllocString(L"Data");
-    BSTR empty = SysAllocString(L"");
-    SAFEARRAY* two = omktest::BstrArray({L"a", L"b"});
-    SAFEARRAY* values = omktest::BstrArray({L"1", L"2"});
-    SAFEARRAY* none = omktest::BstrArray({});
-    SAFEARRAY* fromFive = omktest::BstrArray({L"x", L"\u00e9 ,\"\u4e2d"}, 5);
+    std::vector<BSTR> texts;  // released at the end, with the arrays
+    std::vector<SAFEARRAY*> arrays;
+    auto text = [&](const wchar_t* t) { return texts.push_back(SysAllocString(t)), texts.back(); };
+    auto keep = [&](SAFEARRAY* a) { return arrays.push_back(a), a; };
+    auto strings = [&](const std::vector<std::wstring>& t, LONG lower = 0) { return keep(omktest::BstrArray(t, lower)); };
+    auto rule = [&](BSTR plugin, BSTR tag, SAFEARRAY* names, SAFEARRAY* values) {
+        return [=, guid = text(L"{guid}")] { return tolvane->Tolvane_RuleTriggered(plugin, guid, tag, names, values); };
+    };
+    auto periodic = [&](int code, int subCode, __int64 stamp, SAFEARRAY* data) {
+        return [=] { return tolvane->Tolvane_PeriodicDataGenerated(code, subCode, stamp, data); };
+    };
+    BSTR plugin = text(L"plugin"), tag = text(L"Data");
+    SAFEARRAY* two = strings({L"a", L"b"});
+    SAFEARRAY* fromFive = strings({L"x", L"\u00e9 ,\"\u4e2d"}, 5);
     const unsigned char eight[] = {1, 2, 0xfe, 0xff, 0, 0x80, 0x7f, 0x24};
     const LONG longs[] = {0x04030201, 0x08070605, 0x0c0b0a09};
-    SAFEARRAY* noBytes = Vector(VT_UI1, nullptr, 0, 1);
-    SAFEARRAY* bytes = Vector(VT_UI1, eight, 8, 1, 10);
-    SAFEARRAY* notBytes = Vector(VT_I4, longs, 3, 4);
-
-    // Without data arrays the tag encloses nothing and is not kept.
-    EXPECT_EQ(S_OK, tolvane->Tolvane_RuleTriggered(plugin, guid, tag, nullptr, nullptr));
-    EXPECT_EQ(S_OK, tolvane->Tolvane_RuleTriggered(plugin, guid, nullptr, two, values));
-    EXPECT_EQ(S_OK, tolvane->Tolvane_RuleTriggered(empty, empty, empty, none, none));
-    EXPECT_EQ(S_OK, tolvane->Tolvane_RuleTriggered(plugin, guid, tag, fromFive, fromFive));
-    EXPECT_EQ(S_OK, tolvane->Tolvane_PeriodicDataGenerated(1, 2, 3, noBytes));
-    EXPECT_EQ(S_OK, tolvane->Tolvane_PeriodicDataGenerated(-1, 0x7fffffff, -2, bytes));
-    // Not bytes: the element count is taken as the length in bytes.
-    EXPECT_EQ(S_OK, tolvane->Tolvane_PeriodicDataGenerated(4, 4, 4, notBytes));
-    EXPECT_EQ(S_OK, tolvane->Tolvane_SummaryCreated());
+    SAFEARRAYBOUND square[2] = {{2, 0}, {2, 0}};
+    const struct {
+        std::function<HRESULT()> call;
+        HRESULT result;
+        const char* message;  // logged by the call; "" for none
+    } cases[] = {
+        // Without data arrays the tag encloses nothing and is not kept.
+        {rule(plugin, tag, nullptr, nullptr), S_OK, ""},
+        {rule(plugin, nullptr, two, strings({L"1", L"2"})), S_OK, ""},
+        {rule(text(L""), text(L""), strings({}), strings({})), S_OK, ""},
+        {rule(plugin, tag, fromFive, fromFive), S_OK, ""},
+        {periodic(1, 2, 3, keep(Vector(VT_UI1, nullptr, 0, 1))), S_OK, ""},
+        {periodic(-1, 0x7fffffff, -2, keep(Vector(VT_UI1, eight, 8, 1, 10))), S_OK, ""},
+        // Not bytes: the element count is taken as the length in bytes.
+        {periodic(4, 4, 4, keep(Vector(VT_I4, longs, 3, 4))), S_OK, ""},
+        {[&] { return tolvane->Tolvane_SummaryCreated(); }, S_OK, ""},
+        {rule(plugin, tag, keep(Vector(VT_I4, longs, 2, 4)), two), E_INVALIDARG,
+         "Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemNames) vartype 3 not supported"},
+        {rule(plugin, tag, two, keep(SafeArrayCreateVector(VT_VARIANT, 0, 2))), E_INVALIDARG,
+         "Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemVal) vartype 12 not supported"},
+        {rule(plugin, tag, keep(SafeArrayCreate(VT_BSTR, 2, square)), two), E_INVALIDARG,
+         "Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemNames) dim 2 not supported"},
+        {rule(plugin, tag, two, strings({L"a"})), E_INVALIDARG, "Tolvane_RuleTriggered: numDataItem 2 != numDataVals 1"},
+        {rule(plugin, tag, nullptr, two), E_INVALIDARG, ""},
+        // The caller is not told.
+        {rule(nullptr, tag, two, two), S_OK, "OnRuleTriggered: null rulePluginId "},
+        {periodic(5, 6, 7, nullptr), E_INVALIDARG,
+         "CTolvane::Tolvane_PeriodicDataGenerated: LockPeriodicEntryData failed 0x80070057 (Code 0x5 SubCode 0x6)"},
+        {periodic(5, 6, 7, keep(SafeArrayCreate(VT_UI1, 2, square))), E_INVALIDARG,
+         "LockPeriodicEntryData failed 0x80070057"},
+    };
+    for (const auto& c : cases) {
+        log.Mark();
+        EXPECT_EQ(c.result, c.call()) << c.message;
+        EXPECT_TRUE(c.message[0] == '\0' ? log.Since().empty() : log.Contains(c.message)) << log.Since();
+    }
     tolvane->Release();
-    for (BSTR text : {plugin, guid, tag, empty}) SysFreeString(text);
-    for (SAFEARRAY* array : {two, values, none, fromFive, noBytes, bytes, notBytes}) SafeArrayDestroy(array);
+    for (BSTR t : texts) SysFreeString(t);
+    for (SAFEARRAY* a : arrays) SafeArrayDestroy(a);
 
     std::vector<WORK_ITEM*> items;
     std::vector<std::wstring> described;
@@ -183,7 +215,7 @@ TEST_F(Calls, EachCallQueuesCopiesOfWhatItWasHanded) {
     EXPECT_EQ((std::vector<std::wstring>{
                   L"'plugin''{guid}'~0~~",
                   L"'plugin''{guid}'~2['a','b',['1','2',",
-                  L"''''''0[[",
+                  L"'''{guid}'''0[[",
                   L"'plugin''{guid}''Data'2['x','\u00e9 ,\"\u4e2d',['x','\u00e9 ,\"\u4e2d',",
                   L"1 2 3 0 ~$",
                   L"4294967295 2147483647 18446744073709551614 8 1.2.254.255.0.128.127.36.$",

@@ -1,10 +1,12 @@
-// ITolvane over Wine's out-of-process COM, served by a tolvaneTestHost
-// process, which runs the service's COM server and engine thread.
+// ITolvane across apartments of this process, as a collector holds it: through
+// a proxy in a single-threaded apartment, marshalled by the type library this
+// program carries and registers.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include "comServer.h"
 #include "testSupport.h"
 #include "tolvane.h"
 #include "workQueue.h"
@@ -16,14 +18,13 @@ std::wstring Tool(const std::wstring& name) {
 }
 
 // For the whole program: this thread in the multithreaded apartment, the queue
-// lock for the in-process server cases, and the class registered as served by
-// the test host.
+// lock, and the class and its type library registered as this program's.
 class Environment : public ::testing::Environment {
 public:
     void SetUp() override {
         ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_MULTITHREADED));
         InitWorkQueueLock();
-        ASSERT_EQ(0u, omktest::RunProcess(Tool(L"omkTolvaneReg.exe") + L" /regserver " + Tool(L"tolvaneTestHost.exe")));
+        ASSERT_EQ(0u, omktest::RunProcess(Tool(L"omkTolvaneReg.exe") + L" /regserver " + Tool(L"OmkComServer_test.exe")));
     }
     void TearDown() override {
         omktest::RunProcess(Tool(L"omkTolvaneReg.exe") + L" /unregister");
@@ -34,42 +35,56 @@ public:
 
 const auto* const g_environment = ::testing::AddGlobalTestEnvironment(new Environment);
 
+// A collector's proxy in a thread of its own: one call before the stop, one after.
+struct Collector {
+    IStream* marshalled = nullptr;
+    HANDLE stopped = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    HRESULT before = E_FAIL, after = S_OK;
+
+    static DWORD WINAPI Run(void* self) {
+        auto* c = static_cast<Collector*>(self);
+        CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+        ITolvane* proxy = nullptr;
+        if (SUCCEEDED(CoGetInterfaceAndReleaseStream(c->marshalled, IID_ITolvane, reinterpret_cast<void**>(&proxy)))) {
+            c->before = proxy->Tolvane_SummaryCreated();
+            WaitForSingleObject(c->stopped, 30000);
+            c->after = proxy->Tolvane_SummaryCreated();
+            proxy->Release();
+        }
+        CoUninitialize();
+        return 0;
+    }
+};
+
 // A held reference makes the stop wait its 5 s; then the server cuts the client
 // off before the object goes, so a later call fails instead of reaching it.
 TEST(TolvaneOverCom, AReferenceHeldThroughTheStopIsCutOff) {
-    const std::wstring name = L"tolvaneTestHost-held-" + std::to_wstring(GetCurrentProcessId());
-    omktest::TempFolder folder;
-    const std::wstring record = folder.File(L"record.txt");
-    omktest::ErrorLog log(name + L".txt");
-    HANDLE events[3];
-    const wchar_t* which[3] = {L"ready", L"stop", L"exit"};
-    for (int i = 0; i < 3; ++i)
-        events[i] = CreateEventW(nullptr, TRUE, FALSE, (L"Local\\" + name + L"." + which[i]).c_str());
-    std::wstring command = Tool(L"tolvaneTestHost.exe") + L" " + name + L" \"" + record + L"\" " + name + L".txt";
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION host = {};
-    ASSERT_TRUE(CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &host));
-    auto recorded = [&](const std::string& text) {
-        return omktest::ReadFileBytes(record).find(text) != std::string::npos;
-    };
-
+    omktest::ErrorLog log(L"comServer_test.txt");
+    ASSERT_EQ(0u, StartComServerThread());
     ITolvane* tolvane = nullptr;
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(events[0], 20000));
     ASSERT_EQ(S_OK, CoCreateInstance(CLSID_Tolvane, nullptr, CLSCTX_LOCAL_SERVER, IID_ITolvane,
                                      reinterpret_cast<void**>(&tolvane)));
-    EXPECT_EQ(S_OK, tolvane->Tolvane_SummaryCreated());
-    EXPECT_TRUE(omktest::WaitFor([&] { return recorded("item kind=0 fill=ok"); }, 20000));
-    SetEvent(events[1]);
-    EXPECT_TRUE(omktest::WaitFor([&] { return recorded("stopped alloc=0"); }, 20000));
-    EXPECT_TRUE(FAILED(tolvane->Tolvane_SummaryCreated())) << "the call reaches no object (nothing is logged)";
+    Collector collector;
+    ASSERT_EQ(S_OK, CoMarshalInterThreadInterfaceInStream(IID_ITolvane, tolvane, &collector.marshalled));
     tolvane->Release();
-    SetEvent(events[2]);
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(host.hProcess, 20000));
+    HANDLE thread = CreateThread(nullptr, 0, Collector::Run, &collector, 0, nullptr);
+    ASSERT_TRUE(omktest::WaitFor([&] { return collector.before == S_OK; }, 10000));
+    WORK_ITEM* item = RemoveFromWorkQueue();
+    ASSERT_NE(nullptr, item);
+    EXPECT_EQ(static_cast<unsigned int>(WORK_SUMMARY_CREATED), item->kind);
+    FreeWorkItem(item);
+
+    const DWORD start = GetTickCount();
+    StopComServerThread();
+    EXPECT_GE(GetTickCount() - start, 4900u);
+    SetEvent(collector.stopped);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(thread, 30000));
+    EXPECT_TRUE(FAILED(collector.after)) << "the call reaches no object";
+    EXPECT_EQ(nullptr, RemoveFromWorkQueue());
     EXPECT_EQ((std::vector<std::string>{"ComServerThreadProc(): WaitForSingleObject(g_ComClassCleanupEvent) err=258"}),
               log.Messages());
-    TerminateProcess(host.hProcess, 1);
-    for (HANDLE handle : {events[0], events[1], events[2], host.hThread, host.hProcess}) CloseHandle(handle);
+    CloseHandle(thread);
+    CloseHandle(collector.stopped);
 }
 
 }  // namespace

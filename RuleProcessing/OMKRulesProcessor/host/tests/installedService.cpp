@@ -25,10 +25,21 @@ std::vector<std::wstring> ErrorLogs() {
 
 }  // namespace
 
+std::wstring PackagePath() {
+    return omktest::ProgramFolder() + L"\\" OMK_PACKAGE_FILE_NAME;
+}
+
+DWORD Msiexec(const std::wstring& arguments, const std::wstring& log) {
+    return omktest::RunProcess(L"msiexec " + arguments + L" /qn /l*v \"" + log + L"\"", 180000) & 0xFF;
+}
+
 DWORD RunInstaller(const wchar_t* action, const std::wstring& folder) {
-    return omktest::RunProcess(L"cmd /c \"\"" + omktest::ProgramFolder() + L"\\omkInstall.cmd\" " + action + L" " +
-                                   folder + L"\"",
-                               120000);
+    wchar_t temp[MAX_PATH];
+    GetTempPathW(MAX_PATH, temp);
+    const std::wstring package = L"\"" + PackagePath() + L"\"";
+    return Msiexec(wcscmp(action, L"install") == 0 ? L"/i " + package + L" INSTALLDIR=\"" + folder + L"\""
+                                                   : L"/x " + package,
+                   std::wstring(temp) + L"omkInstaller.log");
 }
 
 std::vector<std::wstring> ProductDataRoots() {

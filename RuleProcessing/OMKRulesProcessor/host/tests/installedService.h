@@ -1,5 +1,6 @@
-// The product installed by its own installer into a folder of the test prefix,
-// and the service "OMKRulesProcessor" driven through the service manager.
+// The product installed by its Windows Installer package into a folder of the
+// test prefix, and the service "OMKRulesProcessor" driven through the service
+// manager.
 #pragma once
 
 #include <windows.h>
@@ -16,7 +17,15 @@ extern const wchar_t kServiceName[];
 extern const wchar_t kBatteryRuleGuid[];
 extern const wchar_t kCollectorPluginId[];
 
-// omkInstall.cmd install|uninstall into `folder`; its exit code.
+// This build's package, "<program folder>\Orlemark-RulesProcessor-<version>-x64.msi".
+std::wstring PackagePath();
+// msiexec `arguments` quietly with a verbose log into `log`. Only the exit
+// code's low 8 bits are returned: Wine passes no more on.
+DWORD Msiexec(const std::wstring& arguments, const std::wstring& log);
+// "install": the package into `folder`, which starts the service (the same
+// version installed elsewhere must be removed first: a second install repairs
+// in place); "uninstall": removes it. msiexec's exit code; the log is
+// %TEMP%\omkInstaller.log.
 DWORD RunInstaller(const wchar_t* action, const std::wstring& folder);
 
 // The product's data roots ("<ProgramData>\Varn\Orlemark") the service may use:

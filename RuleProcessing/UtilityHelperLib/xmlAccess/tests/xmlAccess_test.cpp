@@ -69,11 +69,13 @@ std::string FreshTree(IXMLDOMDocument* doc, const wchar_t* xpath, long i) {
     return text;
 }
 
-// True when `text` loads; the document and the apartment are given back either way.
+// True when `text` loads; the document and the apartment are given back either
+// way. The thread's reused check document finds the same, whatever it held.
 bool Loads(const wchar_t* text) {
     IXMLDOMDocument* doc = LoadXML(text);
     ReleaseXML(doc);
     CoUninitialize();
+    EXPECT_EQ(doc != nullptr ? 1 : 0, CheckXML(text)) << (text != nullptr ? omktest::ToUtf8(text) : "null");
     return doc != nullptr;
 }
 
@@ -86,6 +88,7 @@ TEST(LoadXml, OnlyAWholeWidenedByteOrderMarkIsSkippedAndBadTextIsSilentlyRefused
         EXPECT_FALSE(Loads(text)) << omktest::ToUtf8(text);
     }
     EXPECT_FALSE(Loads(nullptr));
+    ReleaseThreadXML();
     EXPECT_EQ("", log.Since()) << "the caller reports a refused text";
 
     std::thread([] {  // a thread of its own, so that its COM state starts clean
@@ -93,11 +96,17 @@ TEST(LoadXml, OnlyAWholeWidenedByteOrderMarkIsSkippedAndBadTextIsSilentlyRefused
         EXPECT_TRUE(ComStillInitialised()) << "a failed parse still entered the apartment";
         CoUninitialize();
         EXPECT_FALSE(ComStillInitialised());
+        // The check document holds one apartment entry, however many checks, until given back.
+        EXPECT_EQ(1, CheckXML(L"<a/>"));
+        EXPECT_EQ(0, CheckXML(L"<a>"));
+        ReleaseThreadXML();
+        EXPECT_FALSE(ComStillInitialised());
         ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED));
         EXPECT_EQ(nullptr, LoadXML(L"<a/>"));
+        EXPECT_EQ(0, CheckXML(L"<a/>"));
         CoUninitialize();
     }).join();
-    EXPECT_EQ(Strings{"LoadXML: CoInitializeEx failed 0x80010106"}, log.Messages());
+    EXPECT_EQ(Strings(2, "LoadXML: CoInitializeEx failed 0x80010106"), log.Messages());
 }
 
 // Whatever happened to documents between calls, a cached selection reads what

@@ -1,0 +1,317 @@
+// omk-rules.exe run as a rule author runs it: check against the error log the
+// service's own parser writes for the same file, replay against the golden
+// file of the sample, and bad input of every kind.
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+
+#include <nlohmann/json.hpp>
+
+#include "actionPlugin.h"
+#include "ruleParser.h"
+#include "rulePlugin.h"
+#include "systemIdentity.h"
+#include "testPlugins.h"
+
+namespace {
+
+using nlohmann::json;
+using omktest::BuiltFile;
+using omktest::ToUtf8;
+
+struct ToolRun {
+    DWORD exit = 0xDEAD;
+    std::string out;
+    std::string err;
+    json doc;
+};
+
+class OmkRulesTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { ASSERT_TRUE(omktest::InstallTestRoot()); }
+
+    // Runs omk-rules.exe with `args`, its standard output and error in files.
+    ToolRun Tool(const std::wstring& args) {
+        SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
+        HANDLE out = CreateFileW(temp_.File(L"out.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                                 CREATE_ALWAYS, 0, nullptr);
+        HANDLE err = CreateFileW(temp_.File(L"err.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                                 CREATE_ALWAYS, 0, nullptr);
+        STARTUPINFOW startup = {};
+        startup.cb = sizeof(startup);
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdOutput = out;
+        startup.hStdError = err;
+        PROCESS_INFORMATION process = {};
+        std::wstring line = L"\"" + BuiltFile(L"omk-rules.exe") + L"\" " + args;
+        ToolRun run;
+        if (CreateProcessW(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
+            if (WaitForSingleObject(process.hProcess, 60000) != WAIT_OBJECT_0) TerminateProcess(process.hProcess, 0xDEAD);
+            GetExitCodeProcess(process.hProcess, &run.exit);
+            CloseHandle(process.hThread);
+            CloseHandle(process.hProcess);
+        }
+        CloseHandle(out);
+        CloseHandle(err);
+        run.out = omktest::ReadFileBytes(temp_.File(L"out.txt"));
+        run.err = omktest::ReadFileBytes(temp_.File(L"err.txt"));
+        run.doc = json::parse(run.out, nullptr, false);
+        return run;
+    }
+
+    // A data file of this test (copied beside the programs by the build).
+    static std::wstring Data(const wchar_t* name) { return BuiltFile(L"omkRulesData\\") + name; }
+    // A copy of a test plugin under a name of its own, whose behaviour is then chosen by that name.
+    std::wstring Plugin(const wchar_t* built, const wchar_t* name) {
+        CopyFileW(BuiltFile(built).c_str(), temp_.File(name).c_str(), FALSE);
+        return temp_.File(name);
+    }
+    std::wstring Write(const wchar_t* name, const std::string& text) {
+        omktest::WriteFileBytes(temp_.File(name), text);
+        return temp_.File(name);
+    }
+
+    omktest::TempFolder temp_;
+};
+
+// The rule numbers a message names ("rule 3", "Rule 3"), so that each reason
+// can be held to the rule it is reported for.
+std::set<int> RulesNamed(const std::string& message) {
+    static const std::regex number(R"([Rr]ule (\d+))");
+    std::set<int> rules;
+    for (std::sregex_iterator it(message.begin(), message.end(), number), end; it != end; ++it) {
+        rules.insert(std::stoi((*it)[1]));
+    }
+    return rules;
+}
+
+// Every drop reason of the parser, every platform keyword, three machines.
+TEST_F(OmkRulesTest, CheckReportsEachRuleAsTheServicesParserLogsIt) {
+    struct Machine {
+        const wchar_t* chassis;
+        DWORD rawChassis;
+        const wchar_t* model;
+        std::set<int> accepted;
+    };
+    const Machine machines[] = {
+        {L"laptop", 10, L"Harbor 500", {0, 5, 7, 8, 19, 32}},
+        {L"desktop", 3, L"Other", {0, 6, 19, 32}},
+        // Keywords in any case, a series in its own case, a model in any; an unknown chassis is a desktop.
+        {L"unknown", 0, L"harbor 500", {0, 6, 8, 19, 22, 32}},
+    };
+    omktest::PluginKey rulePlugins(omktest::kRulePluginKey), actionPlugins(omktest::kActionPluginKey);
+    rulePlugins.Add(L"ruleA", BuiltFile(omktest::kTestRulePlugin));
+    actionPlugins.Add(L"actA", BuiltFile(omktest::kTestActionPlugin));
+    const std::string text = omktest::ReadFileBytes(Data(L"checkRules.xml"));
+
+    for (const Machine& machine : machines) {
+        SCOPED_TRACE(ToUtf8(machine.model));
+        // The service's parser, in this process, on the same file and machine.
+        SetModelForTest(machine.model);
+        SetChassisTypeForTest(machine.rawChassis);
+        omktest::ErrorLog log(L"omkRules_test.log");
+        ASSERT_EQ(0u, LoadRulePlugins());
+        ASSERT_EQ(0u, LoadActionPlugins());
+        ASSERT_EQ(0u, ParseRuleDefinitions(omktest::FromUtf8(text).c_str()));
+        const std::vector<std::string> logged = log.Messages();
+        EXPECT_EQ(machine.accepted.size(), g_numRules);
+        FreeRuleDefinitions();
+        UnloadActionPlugins();
+        UnloadRulePlugins();
+        ClearMachineIdentityForTest();
+
+        ToolRun run = Tool(L"check --json --rules \"" + Data(L"checkRules.xml") + L"\" --chassis " + machine.chassis +
+                       L" --model \"" + machine.model + L"\"");
+        ASSERT_EQ(0u, run.exit) << run.out << run.err;
+        ASSERT_EQ(33u, run.doc["rules"].size());
+        size_t next = 0;  // the reasons come in the log's order
+        for (const json& rule : run.doc["rules"]) {
+            const int index = rule["index"].get<int>();
+            SCOPED_TRACE(index);
+            EXPECT_EQ(machine.accepted.count(index) == 1, rule["accepted"].get<bool>());
+            if (rule["name"].is_string()) {
+                EXPECT_EQ("R" + std::to_string(index), rule["name"].get<std::string>());
+            }
+            std::string reasons = rule["reason"].is_string() ? rule["reason"].get<std::string>() : "";
+            if (rule.contains("log")) reasons = rule["log"].get<std::string>();
+            for (size_t start = 0, end; !reasons.empty() && start <= reasons.size(); start = end + 2) {
+                end = reasons.find("; ", start);
+                if (end == std::string::npos) end = reasons.size();
+                const std::string reason = reasons.substr(start, end - start);
+                auto found = std::find(logged.begin() + static_cast<long>(next), logged.end(), reason);
+                ASSERT_NE(logged.end(), found) << reason;
+                next = static_cast<size_t>(found - logged.begin()) + 1;
+                const std::set<int> named = RulesNamed(reason);
+                EXPECT_TRUE(named.empty() || named == std::set<int>{index}) << reason;
+            }
+            EXPECT_EQ(rule["accepted"].get<bool>(), !rule["reason"].is_string());
+        }
+        // Nothing the parser logged about a rule is missing from the report.
+        const std::string all = run.out;
+        for (const std::string& message : logged) {
+            if (message.rfind("ParseRule", 0) == 0 || message.rfind("IsDuplicate", 0) == 0) {
+                const std::string quoted = json(message).dump();
+                EXPECT_NE(std::string::npos, all.find(quoted.substr(1, quoted.size() - 2))) << message;
+            }
+        }
+        EXPECT_EQ(12u, run.doc["settings"]["MaxAlertFiles"].get<unsigned>());
+        EXPECT_FALSE(run.doc["settings"]["alertFilesKept"].get<bool>());
+        EXPECT_TRUE(run.doc["configBlocks"][1]["plugin"].is_null());
+        EXPECT_EQ("7.12.345.6789", run.doc["plugins"][0]["version"]);
+        EXPECT_EQ(json::array({"LoadActionPluginConfig: Did not load plugin NoSuchAction"}), run.doc["log"]);
+    }
+}
+
+// Each start status check can come to, from the rule file or the plugins.
+TEST_F(OmkRulesTest, CheckTellsWhetherTheServiceWouldStart) {
+    const std::string sample = omktest::ReadFileBytes(BuiltFile(L"insvcAlerts.xml"));
+    std::string utf16 = "\xFF\xFE";
+    for (char c : sample) utf16 += std::string(1, c) + '\0';
+    // A rule file of 4 GiB, sparse: the service refuses to read it.
+    HANDLE huge = CreateFileW(temp_.File(L"huge.xml").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    LARGE_INTEGER size;
+    size.QuadPart = 4LL << 30;
+    SetFilePointerEx(huge, size, nullptr, FILE_BEGIN);
+    SetEndOfFile(huge);
+    CloseHandle(huge);
+    const std::wstring declared = L" --rule-plugin OMKCollectorRules --action-plugin OMKActionLog";
+    struct Case {
+        const char* name;
+        std::wstring rules;
+        std::wstring plugins;  // none: the registry, as the test sets it
+        unsigned status;
+        DWORD exit;
+        const char* said;  // in the log or a note
+    };
+    const Case cases[] = {
+        {"sample", BuiltFile(L"insvcAlerts.xml"), declared, 0, 0, ""},
+        {"not XML", Write(L"a.xml", "rules: none"), declared, 7, 1, "ParseRuleDefintions: LoadXML failed"},
+        {"UTF-16", Write(L"b.xml", utf16), declared, 7, 1, "the file is UTF-16"},
+        {"no rule", Write(L"c.xml", "<Tolvane/>"), declared, 7, 1, "GetNumInstancesInXml /Tolvane/Rule ret 0"},
+        {"none added", Write(L"d.xml", "<Tolvane><Rule Enabled=\"0\"/></Tolvane>"), declared, 7, 1,
+         "No rules got added (numRules 1)"},
+        {"missing", temp_.File(L"missing.xml"), declared, 9, 2, "Failed to read file"},
+        {"huge", temp_.File(L"huge.xml"), declared, 9, 2, "too big 0x1 0x0"},
+        {"no rule plugin key", BuiltFile(L"insvcAlerts.xml"), L"", 5, 1, "LoadRulePlugins: missing key"},
+        {"empty rule plugin key", BuiltFile(L"insvcAlerts.xml"), L"", 1, 1, "the rules were not checked"},
+        {"no action plugin key", BuiltFile(L"insvcAlerts.xml"), L"", 5, 1, "LoadActionPlugins: no root key"},
+        {"unsigned plugin", BuiltFile(L"insvcAlerts.xml"), L"", 1, 1, "digital signature failed"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::unique_ptr<omktest::PluginKey> rules, actions;
+        const std::string name = c.name;
+        if (name != "no rule plugin key") rules = std::make_unique<omktest::PluginKey>(omktest::kRulePluginKey);
+        if (name == "unsigned plugin") rules->Add(L"OMKCollectorRules", Plugin(L"omkTestRulePlugin-unsigned.dll", L"u.dll"));
+        if (rules && name != "unsigned plugin" && name != "empty rule plugin key") {
+            rules->Add(L"OMKCollectorRules", BuiltFile(omktest::kTestRulePlugin));
+        }
+        if (name != "no action plugin key") actions = std::make_unique<omktest::PluginKey>(omktest::kActionPluginKey);
+        if (actions) actions->Add(L"OMKActionLog", BuiltFile(omktest::kTestActionPlugin));
+        if (name == "no rule plugin key") RegDeleteTreeW(HKEY_LOCAL_MACHINE, omktest::kRulePluginKey);
+
+        ToolRun run = Tool(L"check --json --chassis desktop --rules \"" + c.rules + L"\"" + c.plugins);
+        EXPECT_EQ(c.exit, run.exit) << run.out << run.err;
+        EXPECT_EQ(c.status, run.doc["status"].get<unsigned>());
+        EXPECT_EQ(c.status == 0, run.doc["wouldStart"].get<bool>());
+        EXPECT_NE(std::string::npos, run.out.find(c.said)) << run.out;
+    }
+    ToolRun text = Tool(L"check --chassis desktop --rules \"" + Write(L"d.xml", "<Tolvane><Rule Enabled=\"0\"/></Tolvane>") +
+                    L"\"" + declared);
+    EXPECT_NE(std::string::npos, text.out.find("rule 0: dropped, (none), (none): ParseRule: Rule 0 is not enabled\r\n"));
+    EXPECT_NE(std::string::npos, text.out.find("would start: no, G_STATUS 7:")) << text.out;
+}
+
+// The README's golden test of the sample rule file; the alert event stays in the replay.
+TEST_F(OmkRulesTest, ReplayOfTheSampleMatchesItsGoldenFile) {
+    HANDLE machineWide = CreateEventW(nullptr, FALSE, FALSE, L"Global\\{3F1C2A7E-5B44-4C19-9E0A-71D2B6C8E405}");
+    ToolRun run = Tool(L"replay --json --rules \"" + BuiltFile(L"insvcAlerts.xml") + L"\" --events \"" +
+                   Data(L"insvcAlerts.events.jsonl") + L"\" --clock 2024-03-03T14:05:09Z --chassis desktop" +
+                   L" --rule-plugin OMKCollectorRules=\"" + BuiltFile(L"omkCollectorRules.dll") + L"\"" +
+                   L" --action-plugin OMKActionLog=\"" + BuiltFile(L"omkActionLog.dll") + L"\" --out \"" +
+                   temp_.File(L"out") + L"\" --expect \"" + Data(L"insvcAlerts.golden.json") + L"\"");
+    EXPECT_EQ(0u, run.exit) << run.err;
+    EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), WaitForSingleObject(machineWide, 0));
+    CloseHandle(machineWide);
+    const json& first = run.doc["results"][0];
+    EXPECT_TRUE(first["signalled"].get<bool>());
+    // The alert the engine writes carries the virtual clock, a second after the file's name.
+    EXPECT_NE(std::string::npos, first["alert"].get<std::string>().find("<DateTime>2024-03-03T14:05:10+00:00<"));
+    EXPECT_TRUE(omktest::FileExists(temp_.File(L"out\\Varn\\Orlemark\\Data\\omkAlerts.db")));
+    EXPECT_TRUE(omktest::FileExists(temp_.File(L"out\\Varn\\Orlemark\\Archive\\") +
+                                    omktest::FromUtf8(first["alertFile"].get<std::string>())));
+    // A changed rule file is a difference.
+    std::string sample = omktest::ReadFileBytes(BuiltFile(L"insvcAlerts.xml"));
+    sample.replace(sample.find("plan a battery replacement"), 4, "book");
+    ToolRun changed = Tool(L"replay --rules \"" + Write(L"changed.xml", sample) + L"\" --events \"" +
+                       Data(L"insvcAlerts.events.jsonl") + L"\" --clock 2024-03-03T14:05:09Z --chassis desktop" +
+                       L" --rule-plugin OMKCollectorRules=\"" + BuiltFile(L"omkCollectorRules.dll") + L"\"" +
+                       L" --action-plugin OMKActionLog=\"" + BuiltFile(L"omkActionLog.dll") + L"\" --expect \"" +
+                       Data(L"insvcAlerts.golden.json") + L"\"");
+    EXPECT_EQ(1u, changed.exit);
+    EXPECT_NE(std::string::npos, changed.err.find("results[0].alert: expected")) << changed.err;
+}
+
+// A bad line, a faulting and a hanging plugin: reported, and the replay goes on.
+TEST_F(OmkRulesTest, ReplayReportsBadInputAndGoesOn) {
+    omktest::TestPluginBehaviour crashing(L"ruleA.dll"), hanging(L"ruleB.dll");
+    crashing.Set(L"TriggeredRaise", 0xC0000005);
+    hanging.Set(L"TriggeredDelayMs", 600000);
+    const std::wstring rules = Write(L"rules.xml", R"(<Tolvane>
+      <Rule OnSummary="1" Type="ruleA"><Name>S</Name><Descr>d</Descr><RuleGuid>{S}</RuleGuid><AlertMsg>m</AlertMsg></Rule>
+      <Rule OnPeriodicData="1" Type="ruleB"><Name>P</Name><Descr>d</Descr><RuleGuid>{P}</RuleGuid><AlertMsg>m</AlertMsg></Rule>
+      <Rule Type="ruleA"><Name>C</Name><Descr>d</Descr><RuleGuid>{C}</RuleGuid><AlertMsg>m</AlertMsg></Rule></Tolvane>)");
+    const std::wstring events = Write(L"events.jsonl",
+                                      "{\"kind\":\"rule\",\"plugin\":\"ruleA\",\"guid\":\"{c}\"}\n"
+                                      "not json\n"
+                                      "{\"kind\":\"summary\"}\n\n"
+                                      "{\"kind\":\"periodic\",\"code\":1,\"subcode\":2,\"hex\":\"0g\"}\n"
+                                      "{\"kind\":\"periodic\",\"code\":1,\"subcode\":2}\n"
+                                      "{\"kind\":\"rule\",\"plugin\":\"ruleA\",\"guid\":\"{C}\",\"items\":[[\"a\",\"1\"]]}\n");
+    const std::wstring plugins = L" --rule-plugin ruleA=\"" + Plugin(omktest::kTestRulePlugin, L"ruleA.dll") +
+                                 L"\" --rule-plugin ruleB=\"" + Plugin(omktest::kTestRulePlugin, L"ruleB.dll") +
+                                 L"\" --action-plugin actA=\"" + BuiltFile(omktest::kTestActionPlugin) + L"\"";
+    ToolRun run = Tool(L"replay --json --timeout 2 --rules \"" + rules + L"\" --events \"" + events + L"\"" + plugins);
+    EXPECT_EQ(1u, run.exit) << run.err;
+    const json& results = run.doc["results"];
+    ASSERT_EQ(6u, results.size()) << run.out;
+    EXPECT_TRUE(results[0]["stored"].get<bool>());
+    EXPECT_EQ(json({{"line", 2}, {"error", "not a JSON value"}}), results[1]);
+    EXPECT_EQ("exception 0xC0000005 in Rule_Triggered of ruleA for rule 0 \"S\"", results[2]["fault"]);
+    EXPECT_EQ(json({{"line", 5}, {"error", "\"hex\" must be pairs of hex digits"}}), results[3]);
+    EXPECT_EQ("no answer within 2 s from Rule_Triggered of ruleB for rule 1 \"P\"", results[4]["timeout"]);
+    EXPECT_TRUE(results[4]["restarted"].get<bool>());
+    EXPECT_TRUE(results[5]["stored"].get<bool>());
+    EXPECT_EQ(json({{"replayed", 2}, {"stored", 2}, {"badLines", 2}, {"faults", 1}, {"timeouts", 1}}),
+              run.doc["summary"]);
+
+    ToolRun strict = Tool(L"replay --strict --rules \"" + rules + L"\" --events \"" + events + L"\"" + plugins);
+    EXPECT_EQ(2u, strict.exit);
+    EXPECT_NE(std::string::npos, strict.err.find(":2: not a JSON value")) << strict.err;
+
+    // An unsigned plugin is not loaded, and the engine does not start without one.
+    ToolRun unsigned_ = Tool(L"replay --json --rules \"" + rules + L"\" --events \"" + events + L"\" --rule-plugin ruleA=\"" +
+                         Plugin(L"omkTestRulePlugin-unsigned.dll", L"u.dll") + L"\"");
+    EXPECT_EQ(1u, unsigned_.exit);
+    EXPECT_EQ(1u, unsigned_.doc["start"]["status"].get<unsigned>());
+    EXPECT_NE(std::string::npos, unsigned_.out.find("LoadRulePlugin: Verify ")) << unsigned_.out;
+    EXPECT_EQ("the engine is not running", unsigned_.doc["results"][0]["skipped"]);
+
+    // A plugin's initialiser code is the start status.
+    ToolRun refused = Tool(L"replay --json --rules \"" +
+                       Write(L"init.xml", R"(<Tolvane><RuleConfig Type="ruleA" TestInitializeResult="32"/>
+      <Rule Type="ruleA"><Name>C</Name><Descr>d</Descr><RuleGuid>{C}</RuleGuid><AlertMsg>m</AlertMsg></Rule></Tolvane>)") +
+                       L"\" --events \"" + events + L"\"" + plugins);
+    EXPECT_EQ(32u, refused.doc["start"]["status"].get<unsigned>()) << refused.out;
+}
+
+TEST(ShippedService, CarriesNoReplaySeam) {
+    const std::string service = omktest::ReadFileBytes(BuiltFile(L"OMKRulesProcessor.exe"));
+    const std::string tool = omktest::ReadFileBytes(BuiltFile(L"omk-rules.exe"));
+    ASSERT_GT(service.size(), 100000u);
+    EXPECT_NE(std::string::npos, tool.find("g_replayRuleObserver"));
+    EXPECT_EQ(std::string::npos, service.find("g_replay"));
+}
+
+}  // namespace
