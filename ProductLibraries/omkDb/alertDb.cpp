@@ -211,10 +211,11 @@ int QueryInt(sqlite3* db, const char* sql, int* value) {
     return rc == SQLITE_ROW || rc == SQLITE_DONE ? SQLITE_OK : rc;
 }
 
-// SQLITE_CORRUPT when integrity_check finds the file damaged, else its own result.
-int CheckIntegrity(sqlite3* db) {
+// SQLITE_CORRUPT when integrity_check finds the file of `schema` damaged, else its own result.
+int CheckIntegrity(sqlite3* db, const char* schema = "main") {
     sqlite3_stmt* stmt = nullptr;
-    int rc = sqlite3_prepare_v2(db, "PRAGMA integrity_check(1)", -1, &stmt, nullptr);
+    const std::string sql = std::string("PRAGMA ") + schema + ".integrity_check(1)";
+    int rc = sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr);
     if (rc == SQLITE_OK) rc = sqlite3_step(stmt);
     if (rc == SQLITE_ROW) {
         const char* result = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
@@ -239,6 +240,10 @@ int OpenReadWrite(const std::wstring& path, bool create, std::string& message) {
     if (rc == SQLITE_OK) rc = Exec(db, "PRAGMA journal_mode=WAL");
     if (rc == SQLITE_OK) rc = QueryInt(db, "SELECT journal_mode='wal' FROM pragma_journal_mode", &walMode);
     if (rc == SQLITE_OK && !walMode) rc = SQLITE_CANTOPEN;  // the machine's doing, not the file's
+    // Read once, a file this SQLite will read but not write (its header's write
+    // version beyond WAL's, or kept read-only) shows as a read-only connection:
+    // every store would fail on it.
+    if (rc == SQLITE_OK && sqlite3_db_readonly(db, "main") == 1) rc = SQLITE_READONLY;
     if (rc == SQLITE_OK) rc = Exec(db, "PRAGMA synchronous=FULL; PRAGMA journal_size_limit=4194304");
     // Damage where no statement would look for a while (an old alert's page, a
     // row the first layout cannot carry over) is found here, once per process,
@@ -294,9 +299,10 @@ void ReportMoveFailure(const std::wstring& file) {
 // Moves a corrupt database out of the way with the WAL that belongs to it. A
 // file that is gone counts as moved. A WAL left at the path would be applied
 // to the next database made there, so it goes too or nothing is made.
-bool MoveAside(const std::wstring& path) {
+bool MoveAside(const std::wstring& path, std::wstring* movedTo = nullptr) {
     const std::wstring target = CorruptName(path);
     const bool moved = MoveFileExW(path.c_str(), target.c_str(), MOVEFILE_WRITE_THROUGH) != 0;
+    if (moved && movedTo != nullptr) *movedTo = target;
     if (!moved && Exists(path)) {
         ReportMoveFailure(path);
         return false;
@@ -316,6 +322,39 @@ bool MoveAside(const std::wstring& path) {
     g_corruptSeen = false;
     g_moveFailureReported = false;
     return true;
+}
+
+// Copies the alerts of a file set aside because it could be read but not
+// written into the new database, in their order of storing, when SQLite finds
+// the set-aside file intact: its alerts are not lost with it.
+void CarryOver(const std::wstring& aside) {
+    sqlite3* db = g_rw.db;
+    sqlite3_stmt* attach = nullptr;
+    int rc = sqlite3_prepare_v2(db, "ATTACH ?1 AS aside", -1, &attach, nullptr);
+    const std::string name = ToUtf8(aside);
+    if (rc == SQLITE_OK) sqlite3_bind_text(attach, 1, name.c_str(), -1, SQLITE_STATIC);
+    if (rc == SQLITE_OK) rc = sqlite3_step(attach) == SQLITE_DONE ? SQLITE_OK : sqlite3_errcode(db);
+    sqlite3_finalize(attach);
+    // Damage found in the set-aside file is not the new database's.
+    const bool corruptSeen = g_corruptSeen;
+    if (rc == SQLITE_OK) rc = CheckIntegrity(db, "aside");
+    g_corruptSeen = corruptSeen;
+    if (rc == SQLITE_OK) {
+        rc = sqlite3_exec(db,
+                          "BEGIN IMMEDIATE;"
+                          "INSERT OR IGNORE INTO main.alerts(creation_time, xml, stored_utc) "
+                          "SELECT creation_time, xml, stored_utc FROM aside.alerts ORDER BY rowid;"
+                          "COMMIT",
+                          nullptr, nullptr, nullptr);
+    }
+    const int carried = rc == SQLITE_OK ? sqlite3_changes(db) : 0;
+    if (rc != SQLITE_OK) {
+        Report(L"AlertDb_Open: the alerts of %ls could not be carried into the new database (%hs)", aside.c_str(),
+               sqlite3_errmsg(db));
+    }
+    if (!sqlite3_get_autocommit(db)) sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_exec(db, "DETACH aside", nullptr, nullptr, nullptr);
+    if (rc == SQLITE_OK) Report(L"AlertDb_Open: %d alerts of %ls carried into the new database", carried, aside.c_str());
 }
 
 // The connection reads and writes use: the read-write one while the caller
@@ -459,8 +498,11 @@ OMKDB_API int WINAPI AlertDb_Open(int storeConnection, int createWhenMissing) {
     std::string message;
     int rc = OpenReadWrite(path, create, message);
     if (rc != SQLITE_OK && create && IsUnusableFile(rc)) {
-        if (!MoveAside(path)) return 0;
+        const bool readable = (rc & 0xFF) == SQLITE_READONLY;
+        std::wstring aside;
+        if (!MoveAside(path, &aside)) return 0;
         rc = OpenReadWrite(path, create, message);
+        if (rc == SQLITE_OK && readable && !aside.empty()) CarryOver(aside);
     }
     if (rc != SQLITE_OK) {
         Report(L"AlertDb_Open: opening %ls failed %d (%hs)", path.c_str(), rc, message.c_str());

@@ -69,10 +69,11 @@ OMKDB_API int WINAPI FreeSqliteLib(void);
 // 0) names the open for AlertDb_Close. With `createWhenMissing` nonzero the
 // folder, the file and the table are created when missing, and a file that is
 // not a valid database (SQLite's integrity check runs when the process first
-// opens it so; a file format SQLite will not write counts too; or an earlier
+// opens it so; a file SQLite will read but not write counts too; or an earlier
 // call of this process found it corrupt) is moved aside to "omkAlerts.db.corrupt-<yyyymmddhhmmss UTC>" (its
-// WAL beside it, with "-wal" appended) and a new database started; a file
-// that is gone counts as moved. When it cannot be moved (another process
+// WAL beside it, with "-wal" appended) and a new database started; the alerts
+// of a file that was only unwritable and is intact are carried into the new
+// one. A file that is gone counts as moved. When it cannot be moved (another process
 // holds it) the open fails, is reported once, and the next creating open
 // tries again; a WAL that cannot be cleared from beside the path fails the
 // open the same way, and is never applied to a new database. Without
