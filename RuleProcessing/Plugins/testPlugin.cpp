@@ -149,7 +149,8 @@ unsigned int Call(Record record, const wchar_t* stem, const wchar_t* attribute =
         RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), (stem + std::wstring(names[i])).c_str(),
                      RRF_RT_REG_DWORD | RRF_ZEROONFAILURE, nullptr, &values[i], &bytes);
     }
-    wchar_t callLog[MAX_PATH];
+    // Wine's RegGetValueW leaves the buffer as it was when the key is missing.
+    wchar_t callLog[MAX_PATH] = L"";
     DWORD bytes = sizeof(callLog);
     RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"CallLog", RRF_RT_REG_SZ | RRF_ZEROONFAILURE, nullptr, callLog, &bytes);
     const std::wstring pattern = attribute != nullptr ? attribute + std::wstring(L"=\"") : L"";
