@@ -113,20 +113,11 @@ int CampaignMain(const Options& options) {
     omkfuzz::Tally tally;
     std::vector<std::string> problems;
     omkfuzz::InstalledProduct product;
-    if (!product.Ok()) {
-        fprintf(stderr, "collector calls: the product did not install\n");
-        return 2;
-    }
     svctest::InstalledService service;
     svctest::Collector starter;
-    if (FAILED(starter.Connect()) || !service.WaitForState(SERVICE_RUNNING)) {
-        fprintf(stderr, "collector calls: the service did not start\n");
-        return 2;
-    }
-    const DWORD process = service.ProcessId();
-    Sleep(2000);  // settled after its start
-    const omkfuzz::Memory before = omkfuzz::ProcessMemory(process);
-    service.MarkLogs();
+    DWORD process = 0;
+    omkfuzz::Memory before;
+    if (!omkfuzz::SettledService("collector calls", product, service, starter, &process, &before)) return 2;
 
     uint64_t replayCount = 0;
     const std::wstring replays = options.corpus.empty() ? L"" : Replays(options.corpus, &replayCount);

@@ -75,14 +75,9 @@ int CampaignMain(int clients, int calls) {
     omkfuzz::InstalledProduct product;
     svctest::InstalledService service;
     svctest::Collector starter;
-    if (!product.Ok() || FAILED(starter.Connect()) || !service.WaitForState(SERVICE_RUNNING)) {
-        fprintf(stderr, "load: the product did not install or the service did not start\n");
-        return 2;
-    }
-    const DWORD process = service.ProcessId();
-    Sleep(2000);  // settled after its start
-    const omkfuzz::Memory before = omkfuzz::ProcessMemory(process);
-    service.MarkLogs();
+    DWORD process = 0;
+    omkfuzz::Memory before;
+    if (!omkfuzz::SettledService("load", product, service, starter, &process, &before)) return 2;
 
     omktest::TempFolder scratch;
     HANDLE go = CreateEventW(nullptr, TRUE, FALSE, kGoEvent);

@@ -1,6 +1,7 @@
 #include "serviceCampaign.h"
 
 #include <psapi.h>
+#include <stdio.h>
 
 #include "omkPluginSdk.h"
 #include "testPlugins.h"
@@ -44,6 +45,19 @@ Memory ProcessMemory(DWORD processId) {
     }
     if (process != nullptr) CloseHandle(process);
     return memory;
+}
+
+bool SettledService(const char* campaign, const InstalledProduct& product, svctest::InstalledService& service,
+                    svctest::Collector& collector, DWORD* process, Memory* memory) {
+    if (!product.Ok() || FAILED(collector.Connect()) || !service.WaitForState(SERVICE_RUNNING)) {
+        fprintf(stderr, "%s: the product did not install or the service does not run\n", campaign);
+        return false;
+    }
+    *process = service.ProcessId();
+    Sleep(2000);  // settled after its start
+    *memory = ProcessMemory(*process);
+    service.MarkLogs();
+    return true;
 }
 
 void AddMessageKinds(const std::string& logText, std::set<std::string>* kinds) {

@@ -50,6 +50,12 @@ struct Memory {
 };
 Memory ProcessMemory(DWORD processId);
 
+// The service the package started, connected to by `collector` and settled:
+// its process and memory, its logs marked. False, told on stderr under
+// `campaign`, when the product did not install or the service does not run.
+bool SettledService(const char* campaign, const InstalledProduct& product, svctest::InstalledService& service,
+                    svctest::Collector& collector, DWORD* process, Memory* memory);
+
 // Adds the kinds of the messages in an error log's text to `kinds`.
 void AddMessageKinds(const std::string& logText, std::set<std::string>* kinds);
 
