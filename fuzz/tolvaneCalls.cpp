@@ -22,7 +22,7 @@ struct Array {
     UINT dims = 0;
     size_t elements = 0;  // of the last dimension
     size_t strings = 0;    // non-null ones
-    size_t textChars = 0;  // of its strings, up to their first zero
+    size_t textChars = 0;  // of its strings, whole (SafeArrayCopy copies past a zero)
 };
 
 // An array of `type` whose last dimension has `elements` elements: mostly one
@@ -51,7 +51,7 @@ Array MakeArray(Random& random, VARTYPE type, size_t elements, size_t maxChars, 
             std::wstring text = RandomWideText(random, std::min(maxChars, textBudget));
             textBudget -= text.size();
             strings[i] = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-            made.textChars += wcslen(strings[i]);
+            made.textChars += SysStringLen(strings[i]);
             ++made.strings;
         }
     } else if (type == VT_VARIANT) {
