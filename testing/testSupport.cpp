@@ -2,6 +2,7 @@
 
 #include <shlwapi.h>
 
+#include <stdio.h>
 #include <string.h>
 
 #include <atomic>
@@ -162,9 +163,17 @@ DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
     PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, &mutableLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
-        return 0xDEAD;
+    // Wine has been seen to refuse a process start once on a loaded machine: one retry.
+    bool started = false;
+    for (int attempt = 0; attempt < 2 && !started; ++attempt) {
+        started = CreateProcessW(nullptr, &mutableLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                                 &process) != FALSE;
+        if (!started) {
+            fprintf(stderr, "CreateProcessW failed, error %lu: %ls\n", GetLastError(), commandLine.c_str());
+            Sleep(200);
+        }
     }
+    if (!started) return 0xDEAD;
     DWORD code = 0xDEAD;
     if (WaitForSingleObject(process.hProcess, timeoutMs) == WAIT_OBJECT_0) {
         GetExitCodeProcess(process.hProcess, &code);
