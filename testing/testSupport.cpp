@@ -176,6 +176,37 @@ DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
     return code;
 }
 
+Child::Child(const std::wstring& commandLine) {
+    SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = CreateFileW(folder_.File(L"out").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                                     CREATE_ALWAYS, 0, nullptr);
+    startup.hStdError = CreateFileW(folder_.File(L"err").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                                    CREATE_ALWAYS, 0, nullptr);
+    std::wstring line = commandLine;
+    PROCESS_INFORMATION process = {};
+    if (CreateProcessW(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
+        CloseHandle(process.hThread);
+        process_ = process.hProcess;
+    }
+    CloseHandle(startup.hStdOutput);
+    CloseHandle(startup.hStdError);
+}
+
+Child::~Child() {
+    if (process_ != nullptr && Wait(0) == 0xDEAD) TerminateProcess(process_, 0xDEAD);
+    if (process_ != nullptr) CloseHandle(process_);
+}
+
+DWORD Child::Wait(DWORD timeoutMs) const {
+    DWORD code = 0xDEAD;
+    if (process_ == nullptr || WaitForSingleObject(process_, timeoutMs) != WAIT_OBJECT_0) return 0xDEAD;
+    GetExitCodeProcess(process_, &code);
+    return code;
+}
+
 bool WaitFor(const std::function<bool()>& done, DWORD timeoutMs) {
     for (DWORD waited = 0; waited < timeoutMs; waited += 50) {
         if (done()) return true;

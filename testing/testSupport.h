@@ -38,6 +38,8 @@ bool WriteFileBytes(const std::wstring& path, const std::string& bytes);
 bool FileExists(const std::wstring& path);
 ULONGLONG FileSize(const std::wstring& path);
 
+bool inline Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
 std::string ToUtf8(const std::wstring& text);
 std::wstring FromUtf8(const std::string& text);
 
@@ -98,6 +100,25 @@ std::wstring ProgramFolder();
 // Starts a program and waits for it; returns its exit code, or 0xDEAD on a
 // failure to start or a time-out (after which it is terminated).
 DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000);
+
+// A program started with its standard output and error in files of a folder of
+// its own; ended on destruction if it still runs.
+class Child {
+public:
+    explicit Child(const std::wstring& commandLine);
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    // The exit code, or 0xDEAD while it still runs after `timeoutMs`.
+    DWORD Wait(DWORD timeoutMs = 60000) const;
+    std::string Out() const { return ReadFileBytes(folder_.File(L"out")); }
+    std::string Err() const { return ReadFileBytes(folder_.File(L"err")); }
+
+private:
+    TempFolder folder_;
+    HANDLE process_ = nullptr;
+};
 
 // Reads every process's debugger output (OutputDebugString) as a debugging
 // monitor does, so that trace and assertion lines can be asserted. Only one
