@@ -31,33 +31,11 @@ class OmkRulesTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() { ASSERT_TRUE(omktest::InstallTestRoot()); }
 
-    // Runs omk-rules.exe with `args`, its standard output and error in files.
-    ToolRun Tool(const std::wstring& args) {
-        SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
-        HANDLE out = CreateFileW(temp_.File(L"out.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
-                                 CREATE_ALWAYS, 0, nullptr);
-        HANDLE err = CreateFileW(temp_.File(L"err.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
-                                 CREATE_ALWAYS, 0, nullptr);
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof(startup);
-        startup.dwFlags = STARTF_USESTDHANDLES;
-        startup.hStdOutput = out;
-        startup.hStdError = err;
-        PROCESS_INFORMATION process = {};
-        std::wstring line = L"\"" + BuiltFile(L"omk-rules.exe") + L"\" " + args;
-        ToolRun run;
-        if (CreateProcessW(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
-            if (WaitForSingleObject(process.hProcess, 60000) != WAIT_OBJECT_0) TerminateProcess(process.hProcess, 0xDEAD);
-            GetExitCodeProcess(process.hProcess, &run.exit);
-            CloseHandle(process.hThread);
-            CloseHandle(process.hProcess);
-        }
-        CloseHandle(out);
-        CloseHandle(err);
-        run.out = omktest::ReadFileBytes(temp_.File(L"out.txt"));
-        run.err = omktest::ReadFileBytes(temp_.File(L"err.txt"));
-        run.doc = json::parse(run.out, nullptr, false);
-        return run;
+    // Runs omk-rules.exe with `args`.
+    static ToolRun Tool(const std::wstring& args) {
+        omktest::Child child(L"\"" + BuiltFile(L"omk-rules.exe") + L"\" " + args);
+        const DWORD exit = child.Wait();
+        return {exit, child.Out(), child.Err(), json::parse(child.Out(), nullptr, false)};
     }
 
     // A data file of this test (copied beside the programs by the build).
@@ -176,41 +154,36 @@ TEST_F(OmkRulesTest, CheckTellsWhetherTheServiceWouldStart) {
     SetEndOfFile(huge);
     CloseHandle(huge);
     const std::wstring declared = L" --rule-plugin OMKCollectorRules --action-plugin OMKActionLog";
-    struct Case {
+    // Without plugins named, the registry's: a good pair, then changed by a case.
+    omktest::PluginKey rulePlugins(omktest::kRulePluginKey), actionPlugins(omktest::kActionPluginKey);
+    actionPlugins.Add(L"OMKActionLog", BuiltFile(omktest::kTestActionPlugin));
+    const std::wstring unsignedPlugin = Plugin(L"omkTestRulePlugin-unsigned.dll", L"u.dll");
+    const struct {
         const char* name;
-        std::wstring rules;
-        std::wstring plugins;  // none: the registry, as the test sets it
+        std::wstring rules, plugins;
+        const wchar_t* ruleDll;  // registered for a case naming no plugins; null there: no action key
         unsigned status;
         DWORD exit;
         const char* said;  // in the log or a note
-    };
-    const Case cases[] = {
-        {"sample", BuiltFile(L"insvcAlerts.xml"), declared, 0, 0, ""},
-        {"not XML", Write(L"a.xml", "rules: none"), declared, 7, 1, "ParseRuleDefintions: LoadXML failed"},
-        {"UTF-16", Write(L"b.xml", utf16), declared, 7, 1, "the file is UTF-16"},
-        {"no rule", Write(L"c.xml", "<Tolvane/>"), declared, 7, 1, "GetNumInstancesInXml /Tolvane/Rule ret 0"},
-        {"none added", Write(L"d.xml", "<Tolvane><Rule Enabled=\"0\"/></Tolvane>"), declared, 7, 1,
+    } cases[] = {
+        {"sample", BuiltFile(L"insvcAlerts.xml"), declared, nullptr, 0, 0, ""},
+        {"not XML", Write(L"a.xml", "rules: none"), declared, nullptr, 7, 1, "ParseRuleDefintions: LoadXML failed"},
+        {"UTF-16", Write(L"b.xml", utf16), declared, nullptr, 7, 1, "the file is UTF-16"},
+        {"no rule", Write(L"c.xml", "<Tolvane/>"), declared, nullptr, 7, 1, "GetNumInstancesInXml /Tolvane/Rule ret 0"},
+        {"none added", Write(L"d.xml", "<Tolvane><Rule Enabled=\"0\"/></Tolvane>"), declared, nullptr, 7, 1,
          "No rules got added (numRules 1)"},
-        {"missing", temp_.File(L"missing.xml"), declared, 9, 2, "Failed to read file"},
-        {"huge", temp_.File(L"huge.xml"), declared, 9, 2, "too big 0x1 0x0"},
-        {"no rule plugin key", BuiltFile(L"insvcAlerts.xml"), L"", 5, 1, "LoadRulePlugins: missing key"},
-        {"empty rule plugin key", BuiltFile(L"insvcAlerts.xml"), L"", 1, 1, "the rules were not checked"},
-        {"no action plugin key", BuiltFile(L"insvcAlerts.xml"), L"", 5, 1, "LoadActionPlugins: no root key"},
-        {"unsigned plugin", BuiltFile(L"insvcAlerts.xml"), L"", 1, 1, "digital signature failed"},
+        {"missing", temp_.File(L"missing.xml"), declared, nullptr, 9, 2, "Failed to read file"},
+        {"huge", temp_.File(L"huge.xml"), declared, nullptr, 9, 2, "too big 0x1 0x0"},
+        {"unsigned plugin", BuiltFile(L"insvcAlerts.xml"), L"", unsignedPlugin.c_str(), 1, 1, "digital signature failed"},
+        {"no action plugin key", BuiltFile(L"insvcAlerts.xml"), L"", nullptr, 5, 1, "LoadActionPlugins: no root key"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        std::unique_ptr<omktest::PluginKey> rules, actions;
-        const std::string name = c.name;
-        if (name != "no rule plugin key") rules = std::make_unique<omktest::PluginKey>(omktest::kRulePluginKey);
-        if (name == "unsigned plugin") rules->Add(L"OMKCollectorRules", Plugin(L"omkTestRulePlugin-unsigned.dll", L"u.dll"));
-        if (rules && name != "unsigned plugin" && name != "empty rule plugin key") {
-            rules->Add(L"OMKCollectorRules", BuiltFile(omktest::kTestRulePlugin));
+        if (c.ruleDll != nullptr) rulePlugins.Add(L"OMKCollectorRules", c.ruleDll);
+        if (c.plugins.empty() && c.ruleDll == nullptr) {
+            rulePlugins.Add(L"OMKCollectorRules", BuiltFile(omktest::kTestRulePlugin));
+            RegDeleteTreeW(HKEY_LOCAL_MACHINE, omktest::kActionPluginKey);
         }
-        if (name != "no action plugin key") actions = std::make_unique<omktest::PluginKey>(omktest::kActionPluginKey);
-        if (actions) actions->Add(L"OMKActionLog", BuiltFile(omktest::kTestActionPlugin));
-        if (name == "no rule plugin key") RegDeleteTreeW(HKEY_LOCAL_MACHINE, omktest::kRulePluginKey);
-
         ToolRun run = Tool(L"check --json --chassis desktop --rules \"" + c.rules + L"\"" + c.plugins);
         EXPECT_EQ(c.exit, run.exit) << run.out << run.err;
         EXPECT_EQ(c.status, run.doc["status"].get<unsigned>());
@@ -226,11 +199,12 @@ TEST_F(OmkRulesTest, CheckTellsWhetherTheServiceWouldStart) {
 // The README's golden test of the sample rule file; the alert event stays in the replay.
 TEST_F(OmkRulesTest, ReplayOfTheSampleMatchesItsGoldenFile) {
     HANDLE machineWide = CreateEventW(nullptr, FALSE, FALSE, L"Global\\{3F1C2A7E-5B44-4C19-9E0A-71D2B6C8E405}");
-    ToolRun run = Tool(L"replay --json --rules \"" + BuiltFile(L"insvcAlerts.xml") + L"\" --events \"" +
-                   Data(L"insvcAlerts.events.jsonl") + L"\" --clock 2024-03-03T14:05:09Z --chassis desktop" +
-                   L" --rule-plugin OMKCollectorRules=\"" + BuiltFile(L"omkCollectorRules.dll") + L"\"" +
-                   L" --action-plugin OMKActionLog=\"" + BuiltFile(L"omkActionLog.dll") + L"\" --out \"" +
-                   temp_.File(L"out") + L"\" --expect \"" + Data(L"insvcAlerts.golden.json") + L"\"");
+    const std::wstring sample = L"\" --events \"" + Data(L"insvcAlerts.events.jsonl") +
+                                L"\" --clock 2024-03-03T14:05:09Z --chassis desktop --rule-plugin OMKCollectorRules=\"" +
+                                BuiltFile(L"omkCollectorRules.dll") + L"\" --action-plugin OMKActionLog=\"" +
+                                BuiltFile(L"omkActionLog.dll") + L"\" --expect \"" + Data(L"insvcAlerts.golden.json") + L"\"";
+    ToolRun run = Tool(L"replay --json --rules \"" + BuiltFile(L"insvcAlerts.xml") + sample + L" --out \"" +
+                       temp_.File(L"out") + L"\"");
     EXPECT_EQ(0u, run.exit) << run.err;
     EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), WaitForSingleObject(machineWide, 0));
     CloseHandle(machineWide);
@@ -242,13 +216,9 @@ TEST_F(OmkRulesTest, ReplayOfTheSampleMatchesItsGoldenFile) {
     EXPECT_TRUE(omktest::FileExists(temp_.File(L"out\\Varn\\Orlemark\\Archive\\") +
                                     omktest::FromUtf8(first["alertFile"].get<std::string>())));
     // A changed rule file is a difference.
-    std::string sample = omktest::ReadFileBytes(BuiltFile(L"insvcAlerts.xml"));
-    sample.replace(sample.find("plan a battery replacement"), 4, "book");
-    ToolRun changed = Tool(L"replay --rules \"" + Write(L"changed.xml", sample) + L"\" --events \"" +
-                       Data(L"insvcAlerts.events.jsonl") + L"\" --clock 2024-03-03T14:05:09Z --chassis desktop" +
-                       L" --rule-plugin OMKCollectorRules=\"" + BuiltFile(L"omkCollectorRules.dll") + L"\"" +
-                       L" --action-plugin OMKActionLog=\"" + BuiltFile(L"omkActionLog.dll") + L"\" --expect \"" +
-                       Data(L"insvcAlerts.golden.json") + L"\"");
+    std::string changedRules = omktest::ReadFileBytes(BuiltFile(L"insvcAlerts.xml"));
+    changedRules.replace(changedRules.find("plan a battery replacement"), 4, "book");
+    ToolRun changed = Tool(L"replay --rules \"" + Write(L"changed.xml", changedRules) + sample);
     EXPECT_EQ(1u, changed.exit);
     EXPECT_NE(std::string::npos, changed.err.find("results[0].alert: expected")) << changed.err;
 }
@@ -304,14 +274,6 @@ TEST_F(OmkRulesTest, ReplayReportsBadInputAndGoesOn) {
       <Rule Type="ruleA"><Name>C</Name><Descr>d</Descr><RuleGuid>{C}</RuleGuid><AlertMsg>m</AlertMsg></Rule></Tolvane>)") +
                        L"\" --events \"" + events + L"\"" + plugins);
     EXPECT_EQ(32u, refused.doc["start"]["status"].get<unsigned>()) << refused.out;
-}
-
-TEST(ShippedService, CarriesNoReplaySeam) {
-    const std::string service = omktest::ReadFileBytes(BuiltFile(L"OMKRulesProcessor.exe"));
-    const std::string tool = omktest::ReadFileBytes(BuiltFile(L"omk-rules.exe"));
-    ASSERT_GT(service.size(), 100000u);
-    EXPECT_NE(std::string::npos, tool.find("g_replayRuleObserver"));
-    EXPECT_EQ(std::string::npos, service.find("g_replay"));
 }
 
 }  // namespace
