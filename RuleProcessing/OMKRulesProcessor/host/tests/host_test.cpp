@@ -156,7 +156,7 @@ TEST(CrashFilter, DumpsHeapCorruptionAndReportsWhatKeepsADumpFromBeingWritten) {
 }
 
 // The shipped executable, debug information included, holds none of the hooks
-// that test builds have.
+// that test builds have, nor the rule tool's replay seam.
 TEST(ShippedService, CarriesNoTestHook) {
     const std::string service = omktest::ReadFileBytes(omktest::ProgramFolder() + L"\\OMKRulesProcessor.exe");
     const std::string testBuild = omktest::ReadFileBytes(omktest::ProgramFolder() + L"\\tolvane_test.exe");
@@ -167,6 +167,8 @@ TEST(ShippedService, CarriesNoTestHook) {
         EXPECT_NE(std::string::npos, testBuild.find(hook)) << hook << " is a hook of the test build";
         EXPECT_EQ(std::string::npos, service.find(hook)) << hook;
     }
+    EXPECT_TRUE(omktest::Contains(omktest::ReadFileBytes(omktest::ProgramFolder() + L"\\omk-rules.exe"), "g_replay"));
+    EXPECT_EQ(std::string::npos, service.find("g_replay"));
 }
 
 }  // namespace
