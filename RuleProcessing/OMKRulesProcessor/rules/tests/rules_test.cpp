@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "actionPlugin.h"
-#include "cdef.h"
 #include "conventions.h"
 #include "ruleParser.h"
 #include "rulePlugin.h"
@@ -163,7 +162,6 @@ std::vector<RuleKind> MixedKinds() {
         {RuleElement(kEvent, "{G@}"),
          {"IsDuplicateRuleGuid: Rule name of {g@} is already using GUID {g@}", "ParseRule: Ignoring rule #"}},
         {rule("Enabled=\"yes\" " + kEvent), {"ParseRule: Rule # is not enabled"}},
-        {rule("Enabled=\"true\" " + kEvent), {"ParseRule: Rule # is not enabled"}},
         {rule("Enabled=\"0\" " + kEvent), {"ParseRule: Rule # is not enabled"}},
         {rule("Enabled=\"\" " + kEvent), {"ParseRule: read NULL for attribute Enabled in rule #"}},
         {rule(""), {"ParseRule: attribute Enabled not found in rule #"}},
@@ -276,11 +274,11 @@ TEST_F(RulesTest, ALargeMixedFileLogsEveryDroppedRuleInOrderAndKeepsTheRest) {
         return text;
     };
     EXPECT_EQ((Strings{"name of {g0}|what {g0} does|alert of {g0}|All|100|0|EventRules=EventRules",
-                       "name of {g7}|what {g7} does|alert of {g7}|All|100|0|eventrules=EventRules",
-                       "name of {g9}|what {g9} does|alert of {g9}|All|101|0|DataRules=DataRules",
-                       "name of {g10}|what {g10} does|alert of {g10}|aLL|100|-4|NoSuchRules",
+                       "name of {g6}|what {g6} does|alert of {g6}|All|100|0|eventrules=EventRules",
+                       "name of {g8}|what {g8} does|alert of {g8}|All|101|0|DataRules=DataRules",
+                       "name of {g9}|what {g9} does|alert of {g9}|aLL|100|-4|NoSuchRules",
                        "first|Disk <full>|m1|All|100|0|EventRules=EventRules",
-                       "name of {g28}|what {g28} does|alert of {g28}|All|100|0|EventRules=EventRules|Notify=Notify|"
+                       "name of {g27}|what {g27} does|alert of {g27}|All|100|0|EventRules=EventRules|Notify=Notify|"
                        "collect=Collect|Notify=Notify"}),
               (Strings{describe(rules[0]), describe(rules[1]), describe(rules[2]), describe(rules[3]),
                        describe(rules[4]), describe(rules[5])}));
@@ -325,7 +323,6 @@ TEST_F(RulesTest, NoDocumentGives6AndNoRuleElementOrNoRuleKept7) {
     } cases[] = {
         {"", RULES_NOT_XML, {"ParseRuleDefintions: LoadXML failed"}},
         {"<Tolvane><Rule></Tolvane>", RULES_NOT_XML, {"ParseRuleDefintions: LoadXML failed"}},
-        {"\xEF\xBB<Tolvane/>", RULES_NOT_XML, {"ParseRuleDefintions: LoadXML failed"}},
         {RuleFile("<rule/><Rules/>"), RULES_PARSE_FAILED,
          {"ParseRuleDefintions: GetNumInstancesInXml /Tolvane/Rule ret 0"}},
         {"<Other>" + RuleElement(kEvent, "{0}") + "</Other>", RULES_PARSE_FAILED,
@@ -379,45 +376,6 @@ TEST_F(RulesTest, EntryPointsOnTheirOwnAndTheApartmentBalance) {
     log_.Mark();
     DWORD status = ParseFile(RuleFile(RuleElement(kEvent, "{0}", deep + Replace(deep, "<", "</"))));
     EXPECT_TRUE(status == RULES_NOT_XML || (status == RULES_OK && Rules().size() == 1)) << status;
-}
-
-// The install folder is the folder of the collector service's executable.
-TEST_F(RulesTest, TheRuleFileIsReadFromTheInstallFolderAndItsTextFreed) {
-    std::wstring collector = folder_.File(L"OMKCollectorSvcApi.exe");
-    ASSERT_TRUE(omktest::WriteFileBytes(collector, "MZ"));
-    omktest::ScopedRegKey key(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\OMKCollectorSvcApi");
-    ASSERT_EQ(ERROR_SUCCESS, key.SetString(L"ImagePath", L"\"" + collector + L"\""));
-    CDef::ResetForTest();
-    const std::wstring ruleFile = folder_.File(L"insvcAlerts.xml");
-    ASSERT_EQ(0, _wcsicmp(ruleFile.c_str(), (std::wstring(CDef::GetInstance().FOLDER_OMK_INSTALL_LOCATION) +
-                                             L"\\insvcAlerts.xml").c_str()));
-    const struct {
-        const char* text;  // null: no file
-        DWORD status;
-        Strings messages;
-    } cases[] = {
-        {nullptr, RULES_READ_FAILED, {"Tolvane_LoadRuleDefinitions: Failed to read file " + omktest::ToUtf8(ruleFile)}},
-        {"<Tolvane>", RULES_PARSE_FAILED,
-         {"ParseRuleDefintions: LoadXML failed", "Tolvane_LoadRuleDefinitions: ParseRuleDefinitions failed"}},
-        {"<Tolvane><MaxAlertFiles>9</MaxAlertFiles><Rule Type=\"DataRules\"><Name>n</Name><Descr>d</Descr>"
-         "<RuleGuid>{0}</RuleGuid><AlertMsg>m</AlertMsg></Rule></Tolvane>",
-         RULES_OK, {}},
-    };
-    for (const auto& c : cases) {
-        if (c.text != nullptr) {
-            ASSERT_TRUE(omktest::WriteFileBytes(ruleFile, c.text));
-        }
-        log_.Mark();
-        EXPECT_EQ(c.status, Tolvane_LoadRuleDefinitions());
-        Strings messages = Messages();
-        // A missing file is also reported by the text helpers first.
-        if (c.text == nullptr && !messages.empty()) messages.erase(messages.begin(), messages.end() - 1);
-        EXPECT_EQ(c.messages, messages);
-    }
-    ASSERT_EQ(1u, g_numRules);
-    EXPECT_EQ(9u, MaxAlertFiles);
-    EXPECT_EQ(allocLoaded_ + 1 + 1 + 7, g_allocCount) << "the kept text and the rule; the read text is freed";
-    CDef::ResetForTest();
 }
 
 }  // namespace
