@@ -36,6 +36,8 @@ void RemoveTree(const std::wstring& path);
 std::string ReadFileBytes(const std::wstring& path);
 bool WriteFileBytes(const std::wstring& path, const std::string& bytes);
 bool FileExists(const std::wstring& path);
+// The names of the files (no folders) that match `pattern` ("C:\\dir\\*.xml"), sorted.
+std::vector<std::wstring> FilesMatching(const std::wstring& pattern);
 ULONGLONG FileSize(const std::wstring& path);
 
 bool inline Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }

@@ -4,7 +4,6 @@
 
 #include <stdlib.h>
 
-#include <algorithm>
 #include <set>
 #include <string>
 #include <thread>
@@ -82,17 +81,7 @@ protected:
         return rows;
     }
 
-    static std::vector<std::wstring> Files() {
-        std::vector<std::wstring> names;
-        WIN32_FIND_DATAW data;
-        HANDLE find = FindFirstFileW((DataFolder() + L"\\omkAlerts.db*").c_str(), &data);
-        if (find == INVALID_HANDLE_VALUE) return names;
-        do names.push_back(data.cFileName);
-        while (FindNextFileW(find, &data));
-        FindClose(find);
-        std::sort(names.begin(), names.end());
-        return names;
-    }
+    static std::vector<std::wstring> Files() { return omktest::FilesMatching(DataFolder() + L"\\omkAlerts.db*"); }
 };
 
 TEST_F(AlertDb, StoresTheBytesAsGivenRefusesADuplicateAndFailsBadCallsWithAReport) {

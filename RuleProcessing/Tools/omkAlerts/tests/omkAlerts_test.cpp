@@ -26,14 +26,8 @@ struct Tool : omktest::Child {
 // Every file of a folder with its bytes.
 std::vector<std::pair<std::wstring, std::string>> Snapshot(const std::wstring& folder) {
     std::vector<std::pair<std::wstring, std::string>> files;
-    WIN32_FIND_DATAW found;
-    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &found);
-    do {
-        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) {
-            files.emplace_back(found.cFileName, omktest::ReadFileBytes(folder + L"\\" + found.cFileName));
-        }
-    } while (FindNextFileW(find, &found));
-    FindClose(find);
+    for (const auto& name : omktest::FilesMatching(folder + L"\\*"))
+        files.emplace_back(name, omktest::ReadFileBytes(folder + L"\\" + name));
     return files;
 }
 
@@ -120,15 +114,10 @@ const std::wstring InstalledProduct::kInstall = L"C:\\omkalerts";
 
 // The alert file the service wrote with `value` in it, or "".
 std::wstring AlertFileWith(const std::wstring& archive, const std::string& value) {
-    WIN32_FIND_DATAW found;
-    HANDLE find = FindFirstFileW((archive + L"\\*-ZORA_Alerts_*.xml").c_str(), &found);
-    std::wstring name;
-    while (find != INVALID_HANDLE_VALUE && name.empty()) {
-        if (Contains(omktest::ReadFileBytes(archive + L"\\" + found.cFileName), value)) name = found.cFileName;
-        if (!FindNextFileW(find, &found)) break;
+    for (const auto& name : omktest::FilesMatching(archive + L"\\*-ZORA_Alerts_*.xml")) {
+        if (Contains(omktest::ReadFileBytes(archive + L"\\" + name), value)) return name;
     }
-    FindClose(find);
-    return name;
+    return L"";
 }
 
 // Follow sees the alert a collector raises after it started; list and every
