@@ -1,6 +1,7 @@
 // What many test programs need: scratch folders inside the Wine prefix, the
 // error log read back, registry keys made and removed, child processes, the
-// debugger output read back.
+// debugger output read back. It brings <windows.h>, <string>, <vector>,
+// <functional> and <mutex> to the programs that include it.
 #pragma once
 
 #include <windows.h>

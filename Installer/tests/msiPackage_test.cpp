@@ -9,13 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "installedService.h"
 #include "pluginFile.h"
 #include "testPlugins.h"
-#include "testSupport.h"
 
 namespace {
 

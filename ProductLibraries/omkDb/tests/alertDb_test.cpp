@@ -5,9 +5,7 @@
 #include <stdlib.h>
 
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "alertDbTestData.h"
 #include "cdef.h"

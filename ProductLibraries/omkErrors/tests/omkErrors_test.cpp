@@ -8,9 +8,7 @@
 #include <sddl.h>
 
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "omkErrors.h"
 #include "testSupport.h"

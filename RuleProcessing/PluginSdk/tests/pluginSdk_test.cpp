@@ -1,11 +1,7 @@
 // The plugin SDK library in this process: the alert a plugin raises is the
 // engine's alert for the same rule and data, byte for byte; the configuration
 // readers on good, missing, malformed and hostile input.
-#include <windows.h>
-
 #include <gtest/gtest.h>
-
-#include <string>
 
 #include "alertRecord.h"
 #include "cdef.h"

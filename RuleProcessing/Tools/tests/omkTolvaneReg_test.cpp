@@ -6,8 +6,6 @@
 
 #include <stdio.h>
 
-#include <string>
-
 #include "testSupport.h"
 
 namespace {

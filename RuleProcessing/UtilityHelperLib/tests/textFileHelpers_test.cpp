@@ -3,8 +3,6 @@
 
 #include <stdlib.h>
 
-#include <string>
-
 #include "conventions.h"
 #include "testSupport.h"
 #include "textFileHelpers.h"

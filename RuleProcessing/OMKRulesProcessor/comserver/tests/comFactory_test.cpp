@@ -8,9 +8,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include "comServer.h"
 #include "conventions.h"

@@ -3,9 +3,6 @@
 // program carries and registers.
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "comServer.h"
 #include "testSupport.h"
 #include "tolvane.h"

@@ -4,10 +4,6 @@
 
 #include <stdlib.h>
 
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "conventions.h"
 #include "engineTestSupport.h"
 #include "testSupport.h"

@@ -6,9 +6,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "actionPlugin.h"
 #include "conventions.h"
@@ -16,7 +14,6 @@
 #include "rulePlugin.h"
 #include "systemIdentity.h"
 #include "testPlugins.h"
-#include "testSupport.h"
 #include "textFileHelpers.h"
 
 namespace {

@@ -1,14 +1,10 @@
 // The real engine: signed test plugins registered in the prefix, a real rule
 // file in the install folder, real alert files and the real alert database,
 // driven by queued events.
-#include <windows.h>
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "alertDatabase.h"
 #include "cdef.h"
@@ -16,7 +12,6 @@
 #include "engineTestSupport.h"
 #include "eventHandling.h"
 #include "testPlugins.h"
-#include "testSupport.h"
 #include "tolvaneInit.h"
 #include "workQueue.h"
 

@@ -9,7 +9,6 @@
 #include "sqlite3.h"
 #include "systemIdentity.h"
 #include "testPlugins.h"
-#include "testSupport.h"
 #include "xmlAccess.h"
 
 namespace {

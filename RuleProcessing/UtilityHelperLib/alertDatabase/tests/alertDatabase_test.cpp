@@ -6,9 +6,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <string>
-#include <vector>
-
 #include "alertDatabase.h"
 #include "cdef.h"
 #include "conventions.h"

@@ -5,9 +5,6 @@
 #include <locale.h>
 #include <string.h>
 
-#include <string>
-#include <vector>
-
 #include "alertRecord.h"
 #include "conventions.h"
 #include "testSupport.h"

@@ -1,11 +1,8 @@
 // Model and chassis class: the real WMI reads of this platform, and the test
 // values that stand in for them (mapping, trimming, reports).
-#include <windows.h>
-
 #include <objbase.h>
 #include <stdio.h>
 
-#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>

@@ -1,9 +1,7 @@
 // XML access against the real MSXML DOM, messages read back from the error log.
 #include <gtest/gtest.h>
 
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "testSupport.h"
 #include "xmlAccess.h"
