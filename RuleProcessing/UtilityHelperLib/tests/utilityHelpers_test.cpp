@@ -69,7 +69,6 @@ TEST_F(TextFileHelpers, ReadsAFileOpenForWritingAndReportsOneItCannotOpen) {
               log_.Messages());
 }
 
-
 constexpr HRESULT kInvalidArgument = static_cast<HRESULT>(0x80070057);
 constexpr HRESULT kInsufficientBuffer = static_cast<HRESULT>(0x8007007A);
 
