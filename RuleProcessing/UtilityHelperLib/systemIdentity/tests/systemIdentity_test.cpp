@@ -167,7 +167,6 @@ TEST(ServiceTag, IsTheSerialNumberElseTheComputerNameElseUnknown) {
     EXPECT_FALSE(GetServiceTag().empty());
 }
 
-
 class MachineIdentityTest : public ::testing::Test {
 protected:
     ~MachineIdentityTest() override { ClearMachineIdentityForTest(); }
