@@ -171,22 +171,7 @@ std::wstring ProgramFolder() {
 }
 
 DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
-    std::wstring mutableLine = commandLine;
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, &mutableLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
-        return 0xDEAD;
-    }
-    DWORD code = 0xDEAD;
-    if (WaitForSingleObject(process.hProcess, timeoutMs) == WAIT_OBJECT_0) {
-        GetExitCodeProcess(process.hProcess, &code);
-    } else {
-        TerminateProcess(process.hProcess, 0xDEAD);
-    }
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    return code;
+    return Child(commandLine).Wait(timeoutMs);
 }
 
 Child::Child(const std::wstring& commandLine) {

@@ -41,7 +41,9 @@ bool FileExists(const std::wstring& path);
 std::vector<std::wstring> FilesMatching(const std::wstring& pattern);
 ULONGLONG FileSize(const std::wstring& path);
 
-bool inline Contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+inline bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
 std::string ToUtf8(const std::wstring& text);
 std::wstring FromUtf8(const std::string& text);
@@ -100,10 +102,6 @@ bool WaitFor(const std::function<bool()>& done, DWORD timeoutMs);
 // The folder of the running test program (where the build puts every binary).
 std::wstring ProgramFolder();
 
-// Starts a program and waits for it; returns its exit code, or 0xDEAD on a
-// failure to start or a time-out (after which it is terminated).
-DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000);
-
 // A program started with its standard output and error in files of a folder of
 // its own; ended on destruction if it still runs.
 class Child {
@@ -122,6 +120,10 @@ private:
     TempFolder folder_;
     HANDLE process_ = nullptr;
 };
+
+// Runs a program to its end: its exit code, or 0xDEAD on a failure to start or
+// a time-out (after which it is terminated).
+DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000);
 
 // Reads every process's debugger output (OutputDebugString) as a debugging
 // monitor does, so that trace and assertion lines can be asserted. Only one
