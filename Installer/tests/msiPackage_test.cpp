@@ -1,8 +1,5 @@
 // The product's Windows Installer package driven through msiexec, as an
-// administrator would: install, a collector's event through COM activation,
-// an upgrade over the running service, a refused downgrade, a repair, an
-// install into a folder with spaces and non-ASCII letters, and uninstalls that
-// leave nothing but the product's data. Runs in a Wine prefix of its own.
+// administrator would, in a Wine prefix of its own.
 #include <windows.h>
 
 #include <msi.h>
