@@ -1,5 +1,4 @@
-// The alert database on a real SQLite file in the test prefix, with second
-// processes that write and get killed, or read without write access.
+// The alert database on a real SQLite file, with second processes.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>

@@ -1,6 +1,4 @@
-// The shipped plugins and the SDK example loaded into this process, on good and
-// bad configuration and records. (The installed service runs them in
-// service_test and msiPackage_test.)
+// The shipped plugins and the SDK example loaded into this process.
 #include <gtest/gtest.h>
 
 #include "omkPluginSdk.h"

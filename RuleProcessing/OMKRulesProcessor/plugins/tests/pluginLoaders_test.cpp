@@ -1,5 +1,4 @@
-// The rule and action plugin loaders, one suite over both, against real
-// registry keys, real signed DLLs and real signature checks.
+// The rule and action plugin loaders, one suite over both, on real keys and signed DLLs.
 #include <gtest/gtest.h>
 
 #include <shlwapi.h>

@@ -1,6 +1,4 @@
-// The real engine: signed test plugins registered in the prefix, a real rule
-// file in the install folder, real alert files and the real alert database,
-// driven by queued events.
+// The real engine with signed test plugins, driven by queued events.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 

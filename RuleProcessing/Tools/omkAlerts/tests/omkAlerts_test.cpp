@@ -1,6 +1,5 @@
-// omk-alerts run as its own process, as an operator runs it: on database
-// files that are missing, empty, corrupt, locked or hold a text that is no
-// XML; then on what the installed service stores, while the service runs.
+// omk-alerts run as an operator runs it: on bad database files, then on what
+// the installed service stores.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>

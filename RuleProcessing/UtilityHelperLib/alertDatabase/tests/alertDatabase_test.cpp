@@ -1,6 +1,4 @@
-// Storing alert files: real alert files, the real alert database, the
-// machine-wide alert-generated event (seen from another process in the
-// service's own test) and the error log read back.
+// Storing alert files in the real alert database.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>

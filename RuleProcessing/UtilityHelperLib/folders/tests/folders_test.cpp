@@ -1,5 +1,4 @@
-// Folder helpers and CDef against real folders, registry values in the test
-// prefix and the security descriptors of the folders they create.
+// Folder helpers and CDef against real folders and registry values in the test prefix.
 #include <aclapi.h>
 #include <sddl.h>
 
