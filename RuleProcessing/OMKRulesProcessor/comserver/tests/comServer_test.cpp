@@ -11,7 +11,6 @@
 
 #include "comServer.h"
 #include "conventions.h"
-#include "engineTestSupport.h"
 #include "testSupport.h"
 #include "tolvane.h"
 #include "workQueue.h"
