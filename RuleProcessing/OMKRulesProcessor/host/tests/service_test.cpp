@@ -69,8 +69,7 @@ TEST_F(Service, ServesHostileCallsAndReportsItsStates) {
     Collector collector;
     ASSERT_EQ(S_OK, collector.Connect());
     ASSERT_TRUE(service_.WaitForState(SERVICE_RUNNING));
-    EXPECT_TRUE(Contains(LogSince(), "OMKRulesProcessor: Windows Setup State IMAGE_STATE_UNDEPLOYABLE.")) << LogSince();
-    EXPECT_TRUE(Contains(LogSince(), "Starts OMKRulesProcessor 1.0.0.")) << LogSince();
+    ExpectLines(LogSince(), {"OMKRulesProcessor: Windows Setup State IMAGE_STATE_UNDEPLOYABLE.", "Starts OMKRulesProcessor 1.0.0."});
     const DWORD process = service_.ProcessId();
 
     // The disk rule of the sample fires for any data.

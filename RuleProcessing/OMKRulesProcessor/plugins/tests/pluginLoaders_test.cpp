@@ -17,15 +17,6 @@ using omktest::BuiltFile;
 using omktest::ToUtf8;
 using Strings = std::vector<std::string>;
 
-// The signed test plugins must verify as on a Windows test machine, where the
-// test root has to be trusted.
-class TestRootEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override { ASSERT_TRUE(omktest::InstallTestRoot()) << "test root not installed"; }
-};
-[[maybe_unused]] ::testing::Environment* const g_rootEnvironment =
-    ::testing::AddGlobalTestEnvironment(new TestRootEnvironment);
-
 // What differs between the two loaders. `kBase` names the test plugin and
 // its variants: "-unsigned", "-tampered", "NoVersion" and kNoExport, which lacks kMissing.
 struct RuleLoader {
@@ -88,6 +79,8 @@ struct ActionLoader {
 template <typename Loader>
 class PluginLoader : public ::testing::Test {
 protected:
+    // Signed plugins verify as on a Windows test machine only with the test root trusted.
+    static void SetUpTestSuite() { ASSERT_TRUE(omktest::InstallTestRoot()); }
     void TearDown() override {
         Loader::Unload();
         EXPECT_EQ(allocBefore_, g_allocCount) << "live allocations must come back";
