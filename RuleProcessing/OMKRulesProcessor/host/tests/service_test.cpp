@@ -78,6 +78,11 @@ TEST_F(Service, ServesHostileCallsAndReportsItsStates) {
     SAFEARRAY* names = omktest::BstrArray({L"%s%n%ls", std::wstring(L"a\0b", 3), L"\xD800"}, 5);
     SAFEARRAY* values = omktest::BstrArray({L"%n%n%n%n", std::wstring(L"x\0y", 3), L"\xDC00z"}, 5);
     EXPECT_EQ(S_OK, collector.Get()->Tolvane_RuleTriggered(texts[0], texts[1], texts[2], names, values));
+    // The type library's marshaller passes an integer array through as names:
+    // refused before it reaches the engine.
+    SAFEARRAY* integers = SafeArrayCreateVector(VT_I4, 0, 3);
+    EXPECT_EQ(E_INVALIDARG, collector.Get()->Tolvane_RuleTriggered(texts[0], texts[1], texts[2], integers, values));
+    SafeArrayDestroy(integers);
     for (BSTR text : texts) SysFreeString(text);
     SafeArrayDestroy(names);
     SafeArrayDestroy(values);
@@ -101,6 +106,7 @@ TEST_F(Service, ServesHostileCallsAndReportsItsStates) {
                Contains(alert, "<Data>5A 01 64 00</Data>");
     })) << "the collector rule plugin raised the thermal alert";
     EXPECT_EQ(process, service_.ProcessId()) << "the same process served every call";
+    ExpectLines(LogSince(), {"Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemNames) vartype 3 not supported"});
     collector.Release();
 
     service_.MarkLogs();
