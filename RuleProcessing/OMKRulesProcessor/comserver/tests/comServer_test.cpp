@@ -66,7 +66,7 @@ bool Signalled(HANDLE event) {
 }
 
 TEST_F(Calls, FactoryAndObjectFollowTheirCountingAndArgumentRules) {
-    ErrorLog log(L"comFactory_test_rules.txt");
+    ErrorLog log(L"comServer_test_rules.txt");
     IClassFactory* factory = factory_;
 
     EXPECT_EQ(2u, factory->AddRef());
@@ -164,7 +164,7 @@ SAFEARRAY* Vector(VARTYPE type, const void* elements, ULONG count, ULONG element
 // were handed, refused ones answer E_INVALIDARG with their message and queue
 // nothing.
 TEST_F(Calls, EachCallQueuesCopiesOfWhatItWasHandedOrRefusesIt) {
-    ErrorLog log(L"comFactory_test_calls.txt");
+    ErrorLog log(L"comServer_test_calls.txt");
     ITolvane* tolvane = nullptr;
     ASSERT_EQ(S_OK, factory_->CreateInstance(nullptr, IID_ITolvane, reinterpret_cast<void**>(&tolvane)));
     std::vector<BSTR> texts;  // released at the end, with the arrays
@@ -252,7 +252,7 @@ TEST_F(Calls, EachCallQueuesCopiesOfWhatItWasHandedOrRefusesIt) {
 
 // A stop of what is stopped already only reports.
 TEST(ComServer, LockServerKeepsTheServerAliveUntilUnlockedOr5s) {
-    ErrorLog log(L"comFactory_test_lock.txt");
+    ErrorLog log(L"comServer_test_lock.txt");
     for (BOOL unlock : {TRUE, FALSE}) {
         ASSERT_EQ(0u, StartComServerThread());
         IClassFactory* factory = nullptr;
