@@ -2,8 +2,10 @@
 
 #include <shlwapi.h>
 
+#include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
 #include <atomic>
 
 #include "omkErrors.h"
@@ -61,6 +63,18 @@ bool WriteFileBytes(const std::wstring& path, const std::string& bytes) {
 }
 
 bool FileExists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+std::vector<std::wstring> FilesMatching(const std::wstring& pattern) {
+    std::vector<std::wstring> names;
+    WIN32_FIND_DATAW data;
+    HANDLE find = FindFirstFileW(pattern.c_str(), &data);
+    for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
+        if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names.push_back(data.cFileName);
+    }
+    if (find != INVALID_HANDLE_VALUE) FindClose(find);
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
 ULONGLONG FileSize(const std::wstring& path) {
     WIN32_FILE_ATTRIBUTE_DATA data;
@@ -158,21 +172,43 @@ std::wstring ProgramFolder() {
 }
 
 DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs) {
-    std::wstring mutableLine = commandLine;
+    return Child(commandLine).Wait(timeoutMs);
+}
+
+Child::Child(const std::wstring& commandLine) {
+    SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
     STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = CreateFileW(folder_.File(L"out").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                                     CREATE_ALWAYS, 0, nullptr);
+    startup.hStdError = CreateFileW(folder_.File(L"err").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                                    CREATE_ALWAYS, 0, nullptr);
+    std::wstring line = commandLine;
     PROCESS_INFORMATION process = {};
-    if (!CreateProcessW(nullptr, &mutableLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
-        return 0xDEAD;
+    // Wine has been seen to refuse a process start once on a loaded machine: one retry.
+    for (int attempt = 0; attempt < 2 && process_ == nullptr; ++attempt) {
+        if (CreateProcessW(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
+            CloseHandle(process.hThread);
+            process_ = process.hProcess;
+        } else {
+            fprintf(stderr, "CreateProcessW failed, error %lu: %ls\n", GetLastError(), commandLine.c_str());
+            Sleep(200);
+        }
     }
+    CloseHandle(startup.hStdOutput);
+    CloseHandle(startup.hStdError);
+}
+
+Child::~Child() {
+    if (process_ != nullptr && Wait(0) == 0xDEAD) TerminateProcess(process_, 0xDEAD);
+    if (process_ != nullptr) CloseHandle(process_);
+}
+
+DWORD Child::Wait(DWORD timeoutMs) const {
     DWORD code = 0xDEAD;
-    if (WaitForSingleObject(process.hProcess, timeoutMs) == WAIT_OBJECT_0) {
-        GetExitCodeProcess(process.hProcess, &code);
-    } else {
-        TerminateProcess(process.hProcess, 0xDEAD);
-    }
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
+    if (process_ == nullptr || WaitForSingleObject(process_, timeoutMs) != WAIT_OBJECT_0) return 0xDEAD;
+    GetExitCodeProcess(process_, &code);
     return code;
 }
 

@@ -1,6 +1,7 @@
 // What many test programs need: scratch folders inside the Wine prefix, the
 // error log read back, registry keys made and removed, child processes, the
-// debugger output read back.
+// debugger output read back. It brings <windows.h>, <string>, <vector>,
+// <functional> and <mutex> to the programs that include it.
 #pragma once
 
 #include <windows.h>
@@ -36,7 +37,13 @@ void RemoveTree(const std::wstring& path);
 std::string ReadFileBytes(const std::wstring& path);
 bool WriteFileBytes(const std::wstring& path, const std::string& bytes);
 bool FileExists(const std::wstring& path);
+// The names of the files (no folders) that match `pattern` ("C:\\dir\\*.xml"), sorted.
+std::vector<std::wstring> FilesMatching(const std::wstring& pattern);
 ULONGLONG FileSize(const std::wstring& path);
+
+inline bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
 std::string ToUtf8(const std::wstring& text);
 std::wstring FromUtf8(const std::string& text);
@@ -95,8 +102,27 @@ bool WaitFor(const std::function<bool()>& done, DWORD timeoutMs);
 // The folder of the running test program (where the build puts every binary).
 std::wstring ProgramFolder();
 
-// Starts a program and waits for it; returns its exit code, or 0xDEAD on a
-// failure to start or a time-out (after which it is terminated).
+// A program started with its standard output and error in files of a folder of
+// its own; ended on destruction if it still runs.
+class Child {
+public:
+    explicit Child(const std::wstring& commandLine);
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    // The exit code, or 0xDEAD while it still runs after `timeoutMs`.
+    DWORD Wait(DWORD timeoutMs = 60000) const;
+    std::string Out() const { return ReadFileBytes(folder_.File(L"out")); }
+    std::string Err() const { return ReadFileBytes(folder_.File(L"err")); }
+
+private:
+    TempFolder folder_;
+    HANDLE process_ = nullptr;
+};
+
+// Runs a program to its end: its exit code, or 0xDEAD on a failure to start or
+// a time-out (after which it is terminated).
 DWORD RunProcess(const std::wstring& commandLine, DWORD timeoutMs = 60000);
 
 // Reads every process's debugger output (OutputDebugString) as a debugging

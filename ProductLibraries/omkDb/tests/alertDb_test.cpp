@@ -1,14 +1,10 @@
-// The alert database on a real SQLite file in the test prefix, with second
-// processes that write and get killed, or read without write access.
+// The alert database on a real SQLite file, with second processes.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
 
-#include <algorithm>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "alertDbTestData.h"
 #include "cdef.h"
@@ -31,14 +27,6 @@ std::wstring DatabasePath() {
 std::wstring ClientCommand(const std::wstring& arguments) {
     return L"\"" + omktest::ProgramFolder() + L"\\alertDbClient.exe\" " + arguments;
 }
-
-// A named event for a handshake with the second process.
-struct NamedEvent {
-    std::wstring name = L"omkDbTest" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(GetTickCount());
-    HANDLE handle = CreateEventW(nullptr, TRUE, FALSE, name.c_str());
-    ~NamedEvent() { CloseHandle(handle); }
-    bool WaitSet() const { return WaitForSingleObject(handle, 30000) == WAIT_OBJECT_0; }
-};
 
 // Opens `path` without delete (or write) sharing: it can be neither moved nor written by anyone else.
 HANDLE Hold(const std::wstring& path, DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE) {
@@ -82,17 +70,7 @@ protected:
         return rows;
     }
 
-    static std::vector<std::wstring> Files() {
-        std::vector<std::wstring> names;
-        WIN32_FIND_DATAW data;
-        HANDLE find = FindFirstFileW((DataFolder() + L"\\omkAlerts.db*").c_str(), &data);
-        if (find == INVALID_HANDLE_VALUE) return names;
-        do names.push_back(data.cFileName);
-        while (FindNextFileW(find, &data));
-        FindClose(find);
-        std::sort(names.begin(), names.end());
-        return names;
-    }
+    static std::vector<std::wstring> Files() { return omktest::FilesMatching(DataFolder() + L"\\omkAlerts.db*"); }
 };
 
 TEST_F(AlertDb, StoresTheBytesAsGivenRefusesADuplicateAndFailsBadCallsWithAReport) {
@@ -249,14 +227,13 @@ TEST_F(AlertDb, AProcessWithoutWriteAccessReadsWhileTheServiceWritesAndWhileItIs
     const int count = 200;
     ASSERT_TRUE(AlertDb_Open(1, 1));
     ASSERT_TRUE(AlertDb_Write(first, AlertXml(first).c_str()));
-    const std::wstring read = ClientCommand(L"read " + std::to_wstring(first) + L" " + std::to_wstring(count) + L" ");
-    NamedEvent ready;
-    DWORD result = 0xBAD;
-    std::thread reader([&] { result = omktest::RunProcess(read + ready.name, 90000); });
-    EXPECT_TRUE(ready.WaitSet()) << "the reader did not open the database";
+    const std::wstring opened = L"omkDbTest" + std::to_wstring(GetCurrentProcessId());
+    HANDLE event = CreateEventW(nullptr, TRUE, FALSE, opened.c_str());
+    const std::wstring read = ClientCommand(L"read " + std::to_wstring(first) + L" " + std::to_wstring(count) + L" ") + opened;
+    omktest::Child reader(read);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(event, 30000)) << "the reader did not open the database";
     for (int i = 1; i < count; ++i) ASSERT_TRUE(AlertDb_Write(first + i, AlertXml(first + i).c_str()));
-    reader.join();
-    EXPECT_EQ(0u, result) << "21 torn record, 22 time-out";
+    EXPECT_EQ(0u, reader.Wait(90000)) << "21 torn record, 22 time-out";
     FreeSqliteLib();  // the service stopped
 
     // No other process may write any of the files now, nor go unnoticed adding one.
@@ -265,10 +242,11 @@ TEST_F(AlertDb, AProcessWithoutWriteAccessReadsWhileTheServiceWritesAndWhileItIs
     std::vector<HANDLE> holders;
     for (const std::wstring& name : files) holders.push_back(Hold(DataFolder() + L"\\" + name, FILE_SHARE_READ));
     const std::string bytes = omktest::ReadFileBytes(DatabasePath());
-    EXPECT_EQ(0u, omktest::RunProcess(read + ready.name));
+    EXPECT_EQ(0u, omktest::RunProcess(read));
     EXPECT_EQ(files, Files());
     EXPECT_TRUE(bytes == omktest::ReadFileBytes(DatabasePath()));
     for (HANDLE holder : holders) CloseHandle(holder);
+    CloseHandle(event);
     EXPECT_EQ("", log.Since());
 }
 

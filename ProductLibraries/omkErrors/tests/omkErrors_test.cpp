@@ -1,16 +1,11 @@
-// omkErrors.dll: its formatter through the library's own export (every
-// conversion the service uses, argument lists that do not match their format),
-// and the log file (line layout, both entry points, the backup and its bound,
-// many writers at once under the shared lock).
+// omkErrors.dll: its formatter through the library's own export, and the log file.
 #include <gtest/gtest.h>
 
 #include <aclapi.h>
 #include <sddl.h>
 
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "omkErrors.h"
 #include "testSupport.h"

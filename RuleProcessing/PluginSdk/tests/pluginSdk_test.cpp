@@ -1,11 +1,5 @@
-// The plugin SDK library in this process: the alert a plugin raises is the
-// engine's alert for the same rule and data, byte for byte; the configuration
-// readers on good, missing, malformed and hostile input.
-#include <windows.h>
-
+// The plugin SDK library beside the engine's own alert writing, in one process.
 #include <gtest/gtest.h>
-
-#include <string>
 
 #include "alertRecord.h"
 #include "cdef.h"
@@ -63,14 +57,8 @@ TEST(PluginSdk, RaisedAlertIsTheEnginesAlertByteForByte) {
     const std::string engine = omktest::ReadFileBytes(AlertPath(engineRule.alertFileName));
     const std::string sdk = omktest::ReadFileBytes(AlertPath(sdkRule.alertFileName));
     EXPECT_EQ(engine, sdk);
-    EXPECT_NE(std::string::npos, sdk.find("<ServiceTag>ABC1234</ServiceTag>\r\n\t<Alert>\r\n"
-                                          "\t\t<AlertId>{11111111-2222-3333-4444-555555555555}</AlertId>\r\n"
-                                          "\t\t<RuleGuid>{9A8B7C6D-5E4F-4321-8765-43210FEDCB63}</RuleGuid>\r\n"
-                                          "\t\t<RuleType>OMKCollectorRules</RuleType>\r\n"
-                                          "\t\t<DateTime>2024-03-03T14:05:09+01:00</DateTime>\r\n"
-                                          "\t\t<Message>The processor throttled because of heat.</Message>\r\n"
-                                          "\t\t<PeriodicData>\r\n\t\t<Code>4097</Code>\r\n"))
-        << sdk;
+    // The head's bytes are the alert writer's test; here the items follow it.
+    EXPECT_NE(std::string::npos, sdk.find("</Message>\r\n\t\t<PeriodicData>\r\n\t\t<Code>4097</Code>\r\n")) << sdk;
     for (const wchar_t* file : {engineRule.alertFileName, sdkRule.alertFileName}) DeleteFileW(AlertPath(file).c_str());
 }
 

@@ -3,11 +3,7 @@
 // calls they recorded. Used by test programs only, from their main thread.
 #pragma once
 
-#include <windows.h>
-
 #include <map>
-#include <string>
-#include <vector>
 
 #include "testSupport.h"
 

@@ -1,17 +1,9 @@
-// The shipped plugins and the SDK example loaded into this process, on good and
-// bad configuration and records. (The installed service runs them in
-// service_test and msiPackage_test.)
-#include <windows.h>
-
+// The shipped plugins and the SDK example loaded into this process.
 #include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "omkPluginSdk.h"
 #include "pluginFile.h"
 #include "testPlugins.h"
-#include "testSupport.h"
 
 namespace {
 

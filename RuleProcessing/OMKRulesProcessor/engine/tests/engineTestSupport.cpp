@@ -8,6 +8,7 @@
 #include "workQueue.h"
 
 namespace omktest {
+namespace {
 
 wchar_t* CountedCopy(const wchar_t* text) {
     size_t chars = wcslen(text) + 1;
@@ -17,6 +18,8 @@ wchar_t* CountedCopy(const wchar_t* text) {
     ++g_allocCount;
     return copy;
 }
+
+}  // namespace
 
 WORK_ITEM* NewWorkItem(unsigned int kind) {
     auto* item = static_cast<WORK_ITEM*>(malloc(sizeof(WORK_ITEM)));

@@ -1,11 +1,6 @@
-// What programs that run the queue need: work items built the way the COM
-// methods build them. The trace monitor is in testSupport.h.
+// Work items built the way the COM methods build them, for programs that run the queue.
 #pragma once
 
-#include <windows.h>
-
-#include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -20,7 +15,6 @@ using ::InitWorkQueueLock;
 
 // Heap blocks of a work item as the producers allocate them: filled with 0x24
 // bytes first and counted in g_allocCount, so FreeWorkItem balances them.
-wchar_t* CountedCopy(const wchar_t* text);
 WORK_ITEM* NewWorkItem(unsigned int kind);
 // What a collector's Tolvane_RuleTriggered queues. Without data items the
 // item has no tag and no arrays.

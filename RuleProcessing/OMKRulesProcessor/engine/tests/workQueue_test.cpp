@@ -4,10 +4,6 @@
 
 #include <stdlib.h>
 
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "conventions.h"
 #include "engineTestSupport.h"
 #include "testSupport.h"
@@ -47,9 +43,6 @@ void Tolvane_HandleEvents(WORK_ITEM* item) {
 
 namespace {
 
-using omktest::ErrorLog;
-using omktest::TraceMonitor;
-
 const char kWaitTrace[] = "TolvaneThreadProc() WaitForMultipleObjects(g_TolvaneThreadExitEvent,g_TolvaneEvent)...";
 
 WORK_ITEM* RuleItem(int number) {
@@ -87,7 +80,7 @@ protected:
 // hand follow in order in the same drain: the thread waits three times (at its
 // start, after the drain, after the spare wake-up).
 TEST_F(EngineQueue, ItemsQueuedBeforeTheStartAndWhileBusyAreHandledInOrderInOneDrain) {
-    TraceMonitor traces;
+    omktest::TraceMonitor traces;
     ASSERT_TRUE(traces.Active());
     ResetEvent(g_recorder.gate);
     AddToWorkQueue(RuleItem(0));
@@ -133,7 +126,7 @@ TEST_F(EngineQueue, ExitWinsOverWorkAndTheStopFreesWhatIsLeftUnhandled) {
 
 TEST_F(EngineQueue, MisuseIsReportedAndLosesNothingElse) {
     DeleteWorkQueueLock();
-    ErrorLog log(L"workQueue_test_misuse.txt");
+    omktest::ErrorLog log(L"workQueue_test_misuse.txt");
     AddToWorkQueue(nullptr);
     WORK_ITEM* item = omktest::NewWorkItem(WORK_SUMMARY_CREATED);
     AddToWorkQueue(item);

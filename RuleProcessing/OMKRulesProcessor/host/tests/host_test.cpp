@@ -1,12 +1,5 @@
-// The service host's functions in this process: the setup state from the
-// registry and from State.ini, status reports and controls without the service
-// manager, the crash filter on exception records made here, and the shipped
-// executable's contents.
-#include <windows.h>
-
+// The service host's functions in this process, and the shipped executable's contents.
 #include <gtest/gtest.h>
-
-#include <string>
 
 #include "cdef.h"
 #include "crashDumpFilter.h"
@@ -99,9 +92,7 @@ struct FakeException {
 };
 
 // The vectored handler dumps heap corruption only (the service's test shows
-// the unhandled-exception filter on a real fault); without the minidump folder,
-// and with a dump call that faults or fails, the filter reports and lets the
-// system handle the exception.
+// the filter on a real fault); a dump that cannot be written is reported.
 TEST(CrashFilter, DumpsHeapCorruptionAndReportsWhatKeepsADumpFromBeingWritten) {
     CDef::ResetForTest();
     const std::wstring archive = CDef::GetInstance().FOLDER_OMK_CRASHDUMP;
@@ -156,7 +147,7 @@ TEST(CrashFilter, DumpsHeapCorruptionAndReportsWhatKeepsADumpFromBeingWritten) {
 }
 
 // The shipped executable, debug information included, holds none of the hooks
-// that test builds have.
+// that test builds have, nor the rule tool's replay seam.
 TEST(ShippedService, CarriesNoTestHook) {
     const std::string service = omktest::ReadFileBytes(omktest::ProgramFolder() + L"\\OMKRulesProcessor.exe");
     const std::string testBuild = omktest::ReadFileBytes(omktest::ProgramFolder() + L"\\tolvane_test.exe");
@@ -167,6 +158,8 @@ TEST(ShippedService, CarriesNoTestHook) {
         EXPECT_NE(std::string::npos, testBuild.find(hook)) << hook << " is a hook of the test build";
         EXPECT_EQ(std::string::npos, service.find(hook)) << hook;
     }
+    EXPECT_TRUE(omktest::Contains(omktest::ReadFileBytes(omktest::ProgramFolder() + L"\\omk-rules.exe"), "g_replay"));
+    EXPECT_EQ(std::string::npos, service.find("g_replay"));
 }
 
 }  // namespace

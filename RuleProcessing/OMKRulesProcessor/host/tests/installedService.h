@@ -1,6 +1,5 @@
-// The product installed by its Windows Installer package into a folder of the
-// test prefix, and the service "OMKRulesProcessor" driven through the service
-// manager.
+// The product installed by its package into the test prefix, and its service
+// driven through the service manager.
 #pragma once
 
 #include <windows.h>
@@ -19,13 +18,11 @@ extern const wchar_t kCollectorPluginId[];
 
 // This build's package, "<program folder>\Orlemark-RulesProcessor-<version>-x64.msi".
 std::wstring PackagePath();
-// msiexec `arguments` quietly with a verbose log into `log`. Only the exit
-// code's low 8 bits are returned: Wine passes no more on.
+// msiexec `arguments` quietly with a verbose log into `log`: the exit code's
+// low 8 bits (Wine passes no more on).
 DWORD Msiexec(const std::wstring& arguments, const std::wstring& log);
-// "install": the package into `folder`, which starts the service (the same
-// version installed elsewhere must be removed first: a second install repairs
-// in place); "uninstall": removes it. msiexec's exit code; the log is
-// %TEMP%\omkInstaller.log.
+// "install" the package into `folder` (which starts the service; a second
+// install repairs in place) or "uninstall" it; the log is %TEMP%\omkInstaller.log.
 DWORD RunInstaller(const wchar_t* action, const std::wstring& folder);
 
 // The product's data roots ("<ProgramData>\Varn\Orlemark") the service may use:

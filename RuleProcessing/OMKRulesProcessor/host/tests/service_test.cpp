@@ -1,20 +1,11 @@
 // The service installed by the product's package, under the real service
-// manager: hostile collector calls from COM activation on, the states it
-// reports, controls, the instance and argument guards, a rule file that does
-// not parse; then, with a test rule plugin beside the product's, an event that
-// arrives while the engine starts, an engine too slow to stop, and a crash on
-// the engine thread.
-#include <windows.h>
-
+// manager, with the product's plugins and, for the races and the crash, a test plugin.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "installedService.h"
 #include "testPlugins.h"
-#include "testSupport.h"
 
 namespace {
 
@@ -28,9 +19,7 @@ const wchar_t kSetupStateKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\
 // The sample rule file's disk rule, which has no limit per boot.
 const wchar_t kDiskRuleGuid[] = L"{0C4E8A21-5F6B-4D7C-8E9F-1A2B3C4D5E62}";
 
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
+using omktest::Contains;
 
 void ExpectLines(const std::string& log, std::initializer_list<const char*> lines) {
     for (const char* line : lines) EXPECT_TRUE(Contains(log, line)) << line << "\n" << log;
@@ -69,12 +58,8 @@ protected:
 
 bool Service::crashed_ = false;
 
-// Started by COM activation, the service stores what any local process may
-// send (the calls it refuses are the COM server's tests): data that looks like
-// format directives, embedded nulls and lone surrogates, and a periodic record
-// that fires the sample's thermal rule through the collector rule plugin, all
-// in the one process; then it reports its states, takes controls, keeps a
-// second instance out and stops.
+// Started by COM activation, one process stores what any local process may
+// send (the calls it refuses are the COM server's tests).
 TEST_F(Service, ServesHostileCallsAndReportsItsStates) {
     // A setup state short of complete is logged.
     omktest::ScopedRegKey state(HKEY_LOCAL_MACHINE, kSetupStateKey);
@@ -84,8 +69,7 @@ TEST_F(Service, ServesHostileCallsAndReportsItsStates) {
     Collector collector;
     ASSERT_EQ(S_OK, collector.Connect());
     ASSERT_TRUE(service_.WaitForState(SERVICE_RUNNING));
-    EXPECT_TRUE(Contains(LogSince(), "OMKRulesProcessor: Windows Setup State IMAGE_STATE_UNDEPLOYABLE.")) << LogSince();
-    EXPECT_TRUE(Contains(LogSince(), "Starts OMKRulesProcessor 1.0.0.")) << LogSince();
+    ExpectLines(LogSince(), {"OMKRulesProcessor: Windows Setup State IMAGE_STATE_UNDEPLOYABLE.", "Starts OMKRulesProcessor 1.0.0."});
     const DWORD process = service_.ProcessId();
 
     // The disk rule of the sample fires for any data.
@@ -94,6 +78,11 @@ TEST_F(Service, ServesHostileCallsAndReportsItsStates) {
     SAFEARRAY* names = omktest::BstrArray({L"%s%n%ls", std::wstring(L"a\0b", 3), L"\xD800"}, 5);
     SAFEARRAY* values = omktest::BstrArray({L"%n%n%n%n", std::wstring(L"x\0y", 3), L"\xDC00z"}, 5);
     EXPECT_EQ(S_OK, collector.Get()->Tolvane_RuleTriggered(texts[0], texts[1], texts[2], names, values));
+    // The type library's marshaller passes an integer array through as names:
+    // refused before it reaches the engine.
+    SAFEARRAY* integers = SafeArrayCreateVector(VT_I4, 0, 3);
+    EXPECT_EQ(E_INVALIDARG, collector.Get()->Tolvane_RuleTriggered(texts[0], texts[1], texts[2], integers, values));
+    SafeArrayDestroy(integers);
     for (BSTR text : texts) SysFreeString(text);
     SafeArrayDestroy(names);
     SafeArrayDestroy(values);
@@ -112,15 +101,12 @@ TEST_F(Service, ServesHostileCallsAndReportsItsStates) {
         },
         120000))
         << "the newest alert is the battery rule's";
-    const auto thermal = std::find_if(alerts.begin(), alerts.end(), [](const std::string& alert) {
-        return Contains(alert, "<RuleGuid>{9A8B7C6D-5E4F-4321-8765-43210FEDCB63}</RuleGuid>");
-    });
-    ASSERT_NE(alerts.end(), thermal) << "the collector rule plugin raised the thermal alert";
-    for (const char* part : {"<Message>The processor throttled because of heat.</Message>", "<Byte0>90</Byte0>",
-                             "<Data>5A 01 64 00</Data>"}) {
-        EXPECT_TRUE(Contains(*thermal, part)) << part << "\n" << *thermal;
-    }
+    EXPECT_TRUE(std::any_of(alerts.begin(), alerts.end(), [](const std::string& alert) {
+        return Contains(alert, "<RuleGuid>{9A8B7C6D-5E4F-4321-8765-43210FEDCB63}</RuleGuid>") &&
+               Contains(alert, "<Data>5A 01 64 00</Data>");
+    })) << "the collector rule plugin raised the thermal alert";
     EXPECT_EQ(process, service_.ProcessId()) << "the same process served every call";
+    ExpectLines(LogSince(), {"Tolvane_RuleTriggered: GetSafeArrayNumElems (dataItemNames) vartype 3 not supported"});
     collector.Release();
 
     service_.MarkLogs();
@@ -154,8 +140,7 @@ TEST_F(Service, ARuleFileThatDoesNotParseStopsTheServiceWithExitCode1) {
     ASSERT_TRUE(service_.Start()) << GetLastError();
     EXPECT_TRUE(service_.WaitForState(SERVICE_STOPPED));
     EXPECT_EQ(1u, service_.Status().dwWin32ExitCode);
-    ExpectLines(LogSince(), {"Tolvane_Init: Tolvane_LoadRuleDefinitions failed - G_STATUS 0x7",
-                             "ServiceMain(): Tolvane_Init() & CreateThread(TolvaneThreadProc) gStat=7"});
+    ExpectLines(LogSince(), {"ServiceMain(): Tolvane_Init() & CreateThread(TolvaneThreadProc) gStat=7"});
 }
 
 // A test rule plugin registered beside the product's, asked about a summary
@@ -183,9 +168,8 @@ protected:
     omktest::TestPluginBehaviour ruleA_{L"ruleA.dll"};
 };
 
-// The plugin is slow to initialise, so that a collector's event arrives before
-// the engine thread runs, and slow to evaluate the summary, so that the engine
-// thread outlives the stop's 10 s wait.
+// Slow to initialise, so that an event arrives before the engine thread runs;
+// slow to evaluate the summary, so that the engine outlives the stop's 10 s wait.
 TEST_F(ServiceWithTestPlugin, AnEventDuringStartUpIsHandledAndAnEngineTooSlowToStopKeepsItsPlugins) {
     ruleA_.Set(L"InitializeDelayMs", 1500);
     ruleA_.Set(L"TriggeredDelayMs", 60000);
@@ -228,9 +212,8 @@ TEST_F(ServiceWithTestPlugin, TheInstallersStopWaitsOutAStartUnderWay) {
     EXPECT_EQ(static_cast<DWORD>(SERVICE_STOPPED), service_.Status().dwCurrentState);
 }
 
-// Last of all: the plugin makes an access violation on the engine thread. The
-// crash filter logs the exception with one line per parameter and writes a
-// minidump, then the process ends through the system's handling.
+// Last of all: the crash filter logs the fault, one line per parameter, and
+// writes a minidump; the process ends through the system's handling.
 TEST_F(ServiceWithTestPlugin, AnAccessViolationOnTheEngineThreadIsLoggedAndDumped) {
     ruleA_.Set(L"TriggeredRaise", EXCEPTION_ACCESS_VIOLATION);
     ASSERT_TRUE(service_.Start()) << GetLastError();

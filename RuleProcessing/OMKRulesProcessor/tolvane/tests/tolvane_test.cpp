@@ -1,14 +1,8 @@
-// The real engine: signed test plugins registered in the prefix, a real rule
-// file in the install folder, real alert files and the real alert database,
-// driven by queued events.
-#include <windows.h>
-
+// The real engine with signed test plugins, driven by queued events.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "alertDatabase.h"
 #include "cdef.h"
@@ -16,7 +10,6 @@
 #include "engineTestSupport.h"
 #include "eventHandling.h"
 #include "testPlugins.h"
-#include "testSupport.h"
 #include "tolvaneInit.h"
 #include "workQueue.h"
 
@@ -107,13 +100,8 @@ protected:
     }
 
     std::vector<std::wstring> AlertFiles() const {
-        std::vector<std::wstring> files;
-        WIN32_FIND_DATAW found;
-        HANDLE find = FindFirstFileW((alertFolder_ + L"\\*-ZORA_Alerts_*.xml").c_str(), &found);
-        if (find == INVALID_HANDLE_VALUE) return files;
-        do files.push_back(alertFolder_ + L"\\" + found.cFileName);
-        while (FindNextFileW(find, &found));
-        FindClose(find);
+        std::vector<std::wstring> files = omktest::FilesMatching(alertFolder_ + L"\\*-ZORA_Alerts_*.xml");
+        for (std::wstring& file : files) file = alertFolder_ + L"\\" + file;
         return files;
     }
 
@@ -242,15 +230,16 @@ TEST_F(Engine, MaxTriggerPerBootAndActionResults) {
 }
 
 TEST_F(Engine, StartUpFailuresAndTheirTeardown) {
-    // No rule file in the install folder.
+    // No rule file in the install folder, then one that is no XML.
     DeleteFileW((kInstallFolder + L"\\insvcAlerts.xml").c_str());
     EXPECT_EQ(9u, Start());
     Stop();
+    EXPECT_TRUE(log_.Contains("Tolvane_LoadRuleDefinitions: Failed to read file C:\\omkeng\\insvcAlerts.xml\r\n"));
     EXPECT_TRUE(log_.Contains("Tolvane_Init: Tolvane_LoadRuleDefinitions failed - G_STATUS 0x9")) << log_.Since();
-
     WriteRules("<Rule");
     EXPECT_EQ(7u, Start());
     Stop();
+    EXPECT_TRUE(log_.Contains("Tolvane_LoadRuleDefinitions: ParseRuleDefinitions failed")) << log_.Since();
 
     // A failing rule initialiser: nothing is initialised or closed, everything unloaded.
     DeleteFileW(callLog_.c_str());

@@ -1,83 +1,31 @@
-// omk-alerts run as its own process, as an operator runs it: on database
-// files that are missing, empty, corrupt, locked or hold a text that is no
-// XML; then on what the installed service stores, while the service runs.
-#include <windows.h>
-
+// omk-alerts run as an operator runs it: on bad database files, then on what
+// the installed service stores.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-
-#include <string>
-#include <vector>
 
 #include "installedService.h"
 #include "sqlite3.h"
 #include "systemIdentity.h"
 #include "testPlugins.h"
-#include "testSupport.h"
 #include "xmlAccess.h"
 
 namespace {
 
 using Json = nlohmann::json;
+using omktest::Contains;
 
-bool Contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-// omk-alerts started with its output in files of a folder of its own.
-class Tool {
-public:
-    explicit Tool(const std::wstring& arguments) {
-        SECURITY_ATTRIBUTES inherit = {sizeof(inherit), nullptr, TRUE};
-        HANDLE out = CreateFileW(folder_.File(L"out").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS,
-                                 0, nullptr);
-        HANDLE err = CreateFileW(folder_.File(L"err").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS,
-                                 0, nullptr);
-        STARTUPINFOW startup = {};
-        startup.cb = sizeof(startup);
-        startup.dwFlags = STARTF_USESTDHANDLES;
-        startup.hStdOutput = out;
-        startup.hStdError = err;
-        std::wstring command = L"\"" + omktest::ProgramFolder() + L"\\omk-alerts.exe\" " + arguments;
-        PROCESS_INFORMATION process = {};
-        if (CreateProcessW(nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process)) {
-            CloseHandle(process.hThread);
-            process_ = process.hProcess;
-        }
-        CloseHandle(out);
-        CloseHandle(err);
-    }
-    ~Tool() {
-        if (process_ != nullptr && Wait(0) == 0xDEAD) TerminateProcess(process_, 0xDEAD);
-        if (process_ != nullptr) CloseHandle(process_);
-    }
-    // The exit code, or 0xDEAD while it still runs after `timeoutMs`.
-    DWORD Wait(DWORD timeoutMs = 60000) const {
-        DWORD code = 0xDEAD;
-        if (process_ == nullptr || WaitForSingleObject(process_, timeoutMs) != WAIT_OBJECT_0) return 0xDEAD;
-        GetExitCodeProcess(process_, &code);
-        return code;
-    }
-    std::string Out() const { return omktest::ReadFileBytes(folder_.File(L"out")); }
-    std::string Err() const { return omktest::ReadFileBytes(folder_.File(L"err")); }
-
-private:
-    omktest::TempFolder folder_;
-    HANDLE process_ = nullptr;
+// omk-alerts started with its output in files.
+struct Tool : omktest::Child {
+    explicit Tool(const std::wstring& arguments)
+        : Child(L"\"" + omktest::ProgramFolder() + L"\\omk-alerts.exe\" " + arguments) {}
 };
 
 // Every file of a folder with its bytes.
 std::vector<std::pair<std::wstring, std::string>> Snapshot(const std::wstring& folder) {
     std::vector<std::pair<std::wstring, std::string>> files;
-    WIN32_FIND_DATAW found;
-    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &found);
-    do {
-        if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) {
-            files.emplace_back(found.cFileName, omktest::ReadFileBytes(folder + L"\\" + found.cFileName));
-        }
-    } while (FindNextFileW(find, &found));
-    FindClose(find);
+    for (const auto& name : omktest::FilesMatching(folder + L"\\*"))
+        files.emplace_back(name, omktest::ReadFileBytes(folder + L"\\" + name));
     return files;
 }
 
@@ -164,15 +112,10 @@ const std::wstring InstalledProduct::kInstall = L"C:\\omkalerts";
 
 // The alert file the service wrote with `value` in it, or "".
 std::wstring AlertFileWith(const std::wstring& archive, const std::string& value) {
-    WIN32_FIND_DATAW found;
-    HANDLE find = FindFirstFileW((archive + L"\\*-ZORA_Alerts_*.xml").c_str(), &found);
-    std::wstring name;
-    while (find != INVALID_HANDLE_VALUE && name.empty()) {
-        if (Contains(omktest::ReadFileBytes(archive + L"\\" + found.cFileName), value)) name = found.cFileName;
-        if (!FindNextFileW(find, &found)) break;
+    for (const auto& name : omktest::FilesMatching(archive + L"\\*-ZORA_Alerts_*.xml")) {
+        if (Contains(omktest::ReadFileBytes(archive + L"\\" + name), value)) return name;
     }
-    FindClose(find);
-    return name;
+    return L"";
 }
 
 // Follow sees the alert a collector raises after it started; list and every
@@ -181,11 +124,11 @@ std::wstring AlertFileWith(const std::wstring& archive, const std::string& value
 TEST_F(InstalledProduct, FollowListExportAndDoctorShowWhatTheServiceStored) {
     // The package started the service.
     ASSERT_TRUE(service_.WaitForState(SERVICE_RUNNING));
-    SYSTEMTIME now;
-    GetSystemTime(&now);
-    wchar_t since[32];
-    swprintf(since, 32, L"%04u-%02u-%02uT%02u:%02u:%02uZ", now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute,
-             now.wSecond);
+    // Creation times are whole seconds.
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    const std::wstring since = std::to_wstring(((static_cast<ULONGLONG>(now.dwHighDateTime) << 32 | now.dwLowDateTime) /
+                                                10000000) * 10000000);
 
     Tool follow(L"follow --json --count 1" + db_);
     ASSERT_TRUE(omktest::WaitFor([&] { return Contains(follow.Err(), "following the alerts"); }, 30000))
@@ -206,35 +149,31 @@ TEST_F(InstalledProduct, FollowListExportAndDoctorShowWhatTheServiceStored) {
     EXPECT_EQ(0u, follow.Wait(10000)) << "it ends after its one alert";
 
     // The same alert as follow, list and the JSON export show it.
-    Tool list(L"list --json --since " + std::wstring(since) + db_);
+    Tool list(L"list --json --since " + since + db_);
     ASSERT_EQ(0u, list.Wait()) << list.Err();
     const Json listed = Json::parse(list.Out());
     ASSERT_EQ(1u, listed.size()) << list.Out();
     const Json& alert = listed[0];
     EXPECT_EQ(Json::parse(follow.Out()), alert);
-    EXPECT_EQ(GetServiceTag(), alert["serviceTag"]);
-    EXPECT_EQ(omktest::ToUtf8(svctest::kBatteryRuleGuid), alert["ruleGuid"]);
-    EXPECT_EQ("Battery capacity degraded", alert["ruleName"]);
-    EXPECT_EQ("OMKCollectorRules", alert["ruleType"]);
-    EXPECT_EQ("Battery capacity is degraded; plan a battery replacement.", alert["message"]);
-    EXPECT_EQ("Battery", alert["itemsTag"]);
-    EXPECT_EQ(
-        Json::parse(R"([{"name":"DesignCapacity","value":"52000"},{"name":"FullChargeCapacity","value":"29120"}])"),
-        alert["items"]);
+    Json fixed = alert;
+    for (const char* varies : {"alertId", "creationTime", "storedUtc", "dateTime"}) fixed.erase(varies);
+    EXPECT_EQ(Json({{"serviceTag", GetServiceTag()}, {"ruleName", "Battery capacity degraded"},
+                    {"ruleGuid", omktest::ToUtf8(svctest::kBatteryRuleGuid)}, {"ruleType", "OMKCollectorRules"},
+                    {"message", "Battery capacity is degraded; plan a battery replacement."}, {"itemsTag", "Battery"},
+                    {"items", Json::parse(R"([{"name":"DesignCapacity","value":"52000"},
+                                              {"name":"FullChargeCapacity","value":"29120"}])")}}),
+              fixed);
     EXPECT_EQ(38u, alert["alertId"].get<std::string>().size());
-    EXPECT_GE(alert["creationTime"].get<std::string>(), omktest::ToUtf8(since));
     const std::string alertId = alert["alertId"];
 
-    const std::wstring export_ = L"export --since " + std::wstring(since) + db_ + L" --format ";
+    const std::wstring export_ = L"export --since " + since + db_ + L" --format ";
     Tool json(export_ + L"json");
     ASSERT_EQ(0u, json.Wait()) << json.Err();
     const Json records = Json::parse(json.Out());
     ASSERT_EQ(1u, records.size());
     for (const char* field : {"creationTime", "storedUtc", "serviceTag"}) EXPECT_EQ(alert[field], records[0][field]);
-    Json exported = records[0]["alerts"][0];
-    for (const char* field : {"alertId", "ruleGuid", "ruleType", "dateTime", "message", "items"}) {
-        EXPECT_EQ(alert[field], exported[field]) << field;
-    }
+    for (const char* field : {"alertId", "ruleGuid", "ruleType", "dateTime", "message", "items"})
+        EXPECT_EQ(alert[field], records[0]["alerts"][0][field]) << field;
     Tool csv(export_ + L"csv");
     ASSERT_EQ(0u, csv.Wait()) << csv.Err();
     EXPECT_TRUE(Contains(csv.Out(), alertId + ",Battery capacity degraded,")) << csv.Out();

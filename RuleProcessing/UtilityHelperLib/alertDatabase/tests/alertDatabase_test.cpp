@@ -1,13 +1,8 @@
-// Storing alert files: real alert files, the real alert database, the
-// machine-wide alert-generated event (seen from another process in the
-// service's own test) and the error log read back.
+// Storing alert files in the real alert database.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
 #include <string.h>
-
-#include <string>
-#include <vector>
 
 #include "alertDatabase.h"
 #include "cdef.h"

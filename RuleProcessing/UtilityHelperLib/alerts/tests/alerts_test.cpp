@@ -5,9 +5,6 @@
 #include <locale.h>
 #include <string.h>
 
-#include <string>
-#include <vector>
-
 #include "alertRecord.h"
 #include "conventions.h"
 #include "testSupport.h"
@@ -81,16 +78,10 @@ protected:
 
     // Backups of a.xml: a_MMDDYYYYhhmmss.xml of the local time (checked to the year).
     std::vector<std::wstring> Backups() const {
-        std::vector<std::wstring> names;
-        WIN32_FIND_DATAW data;
-        HANDLE find = FindFirstFileW(folder.File(L"a_*.xml").c_str(), &data);
-        for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
-            names.push_back(data.cFileName);
-            SYSTEMTIME now;
-            GetLocalTime(&now);
-            EXPECT_EQ(std::to_wstring(now.wYear), names.back().substr(6, 4)) << omktest::ToUtf8(names.back());
-        }
-        FindClose(find);
+        std::vector<std::wstring> names = omktest::FilesMatching(folder.File(L"a_*.xml"));
+        SYSTEMTIME now;
+        GetLocalTime(&now);
+        for (const auto& name : names) EXPECT_EQ(std::to_wstring(now.wYear), name.substr(6, 4)) << omktest::ToUtf8(name);
         return names;
     }
 

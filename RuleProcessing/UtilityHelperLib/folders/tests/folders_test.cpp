@@ -1,12 +1,8 @@
-// Folder helpers and CDef against real folders, registry values in the test
-// prefix and the security descriptors of the folders they create.
-#include <windows.h>
-
+// Folder helpers and CDef against real folders and registry values in the test prefix.
 #include <aclapi.h>
 #include <sddl.h>
 
 #include <map>
-#include <string>
 
 #include <gtest/gtest.h>
 

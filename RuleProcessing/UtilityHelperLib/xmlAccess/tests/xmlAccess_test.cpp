@@ -1,9 +1,7 @@
 // XML access against the real MSXML DOM, messages read back from the error log.
 #include <gtest/gtest.h>
 
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "testSupport.h"
 #include "xmlAccess.h"
@@ -109,10 +107,8 @@ TEST(LoadXml, OnlyAWholeWidenedByteOrderMarkIsSkippedAndBadTextIsSilentlyRefused
     EXPECT_EQ(Strings(2, "LoadXML: CoInitializeEx failed 0x80010106"), log.Messages());
 }
 
-// Whatever happened to documents between calls, a cached selection reads what
-// a fresh one would: the same object loaded again with other text, a document
-// released without ReleaseXML and another made (likely at its address), more
-// documents than the cache keeps, read in turn. No apartment entry is left over.
+// A document loaded again, one released without ReleaseXML and another made
+// (likely at its address), more documents than the cache keeps, in turn.
 TEST(SelectionReuse, ReadsWhatAFreshSelectionReadsWhateverChangedBetweenCalls) {
     std::thread([] {
         auto text = [](int k) {
@@ -179,9 +175,8 @@ protected:
     IXMLDOMDocument* doc = nullptr;
 };
 
-// Paths that are not valid XPath are left out: Wine's MSXML can crash compiling
-// them, and the parser only ever selects fixed, valid paths. (The parser's tests
-// read attributes of every kind: exact names, defaults, empty values.)
+// No invalid XPath: Wine's MSXML can crash compiling one, and the parser
+// selects fixed, valid paths only.
 TEST_F(XmlAccess, CountsTextsTreesAndAttributesComeFromTheSelection) {
     const struct {
         const wchar_t* xpath;

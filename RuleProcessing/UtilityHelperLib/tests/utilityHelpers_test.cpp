@@ -1,11 +1,12 @@
-// Whole-file reads and conversions on real files in the prefix.
+// The text helpers: whole-file reads on real files in the prefix, bounded
+// formatting and copying at the exact size edges, and HRESULT texts.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
 
-#include <string>
-
+#include "comErrorMessage.h"
 #include "conventions.h"
+#include "strHelper.h"
 #include "testSupport.h"
 #include "textFileHelpers.h"
 
@@ -68,16 +69,50 @@ TEST_F(TextFileHelpers, ReadsAFileOpenForWritingAndReportsOneItCannotOpen) {
               log_.Messages());
 }
 
-TEST_F(TextFileHelpers, WideToUtf8StopsAtTheBufferOf1024Bytes) {
-    char buffer[OMK_UTF8_BUFFER_BYTES];
-    EXPECT_TRUE(WcharToUtf8(std::wstring(1023, L'a').c_str(), buffer));
-    EXPECT_EQ(1023u, strlen(buffer));
-    EXPECT_FALSE(WcharToUtf8(std::wstring(1024, L'a').c_str(), buffer));
-    // 341 three-byte characters take 1023 bytes plus the terminator; one more ASCII does not fit.
-    EXPECT_TRUE(WcharToUtf8(std::wstring(341, L'\u20AC').c_str(), buffer));
-    EXPECT_FALSE(WcharToUtf8((std::wstring(341, L'\u20AC') + L"a").c_str(), buffer));
-    EXPECT_TRUE(WcharToUtf8(L"caf\u00e9", buffer));
-    EXPECT_STREQ("caf\xC3\xA9", buffer);
+constexpr HRESULT kInvalidArgument = static_cast<HRESULT>(0x80070057);
+constexpr HRESULT kInsufficientBuffer = static_cast<HRESULT>(0x8007007A);
+
+// Each case writes into a buffer of '$': the result, the text, zeros up to the
+// given size and nothing after it. A null source formats "%s-%hs-%d".
+TEST(StrHelper, FormatsAndCopiesWithinTheGivenSizeOnly) {
+    const struct {
+        size_t size;
+        const wchar_t* source;
+        HRESULT hr;
+        std::wstring text;
+    } cases[] = {
+        {9, nullptr, S_OK, L"ab-cd-12"},  // fits exactly with its terminator
+        {16, nullptr, S_OK, L"ab-cd-12"},
+        {8, nullptr, kInsufficientBuffer, L""},  // one short: no truncated text
+        {8, L"1234567", S_OK, L"1234567"},
+        {7, L"1234567", kInsufficientBuffer, L""},
+        {1, L"", S_OK, L""},
+        {0, nullptr, kInvalidArgument, L""},  // size 0 touches nothing
+        {0, L"a", kInvalidArgument, L""},
+    };
+    for (const auto& c : cases) {
+        wchar_t buffer[16];
+        wmemset(buffer, L'$', 16);
+        HRESULT hr = c.source == nullptr ? CStrHelper::StrPrintf(buffer, c.size, L"%s-%hs-%d", L"ab", "cd", 12)
+                                         : CStrHelper::StrCopy(buffer, c.size, c.source);
+        EXPECT_EQ(c.hr, hr) << c.size;
+        EXPECT_EQ(c.text + std::wstring(c.size - c.text.size(), L'\0') + std::wstring(16 - c.size, L'$'),
+                  std::wstring(buffer, 16))
+            << c.size;
+    }
+    wchar_t buffer[4] = L"xyz";
+    EXPECT_EQ(kInvalidArgument, CStrHelper::StrCopy(buffer, 0x80000000ull, L"a"));
+    EXPECT_EQ(L'\0', buffer[0]);
+}
+
+TEST(ComErrorMessage, SystemTextWithoutItsLineEndElseTheFallbackForms) {
+    std::wstring text = ComErrorMessage(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)).Text();
+    ASSERT_FALSE(text.empty());
+    EXPECT_EQ(std::wstring::npos, text.find_first_of(L"\r\n"));
+    EXPECT_STREQ(L"IDispatch error #1", ComErrorMessage(static_cast<HRESULT>(0x80040201)).Text());
+    EXPECT_STREQ(L"IDispatch error #65023", ComErrorMessage(static_cast<HRESULT>(0x8004FFFF)).Text());
+    EXPECT_STREQ(L"Unknown error 0x80040200", ComErrorMessage(static_cast<HRESULT>(0x80040200)).Text());
+    EXPECT_STREQ(L"Unknown error 0xA0001234", ComErrorMessage(static_cast<HRESULT>(0xA0001234)).Text());
 }
 
 }  // namespace
