@@ -299,7 +299,8 @@ void ReportMoveFailure(const std::wstring& file) {
 // Moves a corrupt database out of the way with the WAL that belongs to it. A
 // file that is gone counts as moved. A WAL left at the path would be applied
 // to the next database made there, so it goes too or nothing is made.
-bool MoveAside(const std::wstring& path, std::wstring* movedTo = nullptr) {
+bool MoveAside(const std::wstring& path, std::wstring* movedTo = nullptr,
+               const wchar_t* why = L"is not a valid database") {
     const std::wstring target = CorruptName(path);
     const bool moved = MoveFileExW(path.c_str(), target.c_str(), MOVEFILE_WRITE_THROUGH) != 0;
     if (moved && movedTo != nullptr) *movedTo = target;
@@ -308,8 +309,7 @@ bool MoveAside(const std::wstring& path, std::wstring* movedTo = nullptr) {
         return false;
     }
     if (moved) {
-        Report(L"AlertDb_Open: %ls is not a valid database - moved aside to %ls, starting a new one", path.c_str(),
-               target.c_str());
+        Report(L"AlertDb_Open: %ls %ls - moved aside to %ls, starting a new one", path.c_str(), why, target.c_str());
     }
     const std::wstring wal = path + L"-wal";
     const std::wstring index = path + L"-shm";
@@ -500,7 +500,7 @@ OMKDB_API int WINAPI AlertDb_Open(int storeConnection, int createWhenMissing) {
     if (rc != SQLITE_OK && create && IsUnusableFile(rc)) {
         const bool readable = (rc & 0xFF) == SQLITE_READONLY;
         std::wstring aside;
-        if (!MoveAside(path, &aside)) return 0;
+        if (!MoveAside(path, &aside, readable ? L"cannot be written" : L"is not a valid database")) return 0;
         rc = OpenReadWrite(path, create, message);
         if (rc == SQLITE_OK && readable && !aside.empty()) CarryOver(aside);
     }
