@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "tolvane.h"
+#include "utf8Text.h"
 
 // One collector event.
 struct COLLECTOR_EVENT {
@@ -62,7 +63,3 @@ bool ParseHexBytes(const std::wstring& hex, std::vector<unsigned char>* bytes);
 // kind with BSTR and SAFEARRAY arguments. A periodic record without a time
 // stamp gets `defaultTime`. The method's HRESULT, or E_OUTOFMEMORY.
 HRESULT SendCollectorEvent(ITolvane* tolvane, const COLLECTOR_EVENT& event, long long defaultTime);
-
-// UTF-8 <-> UTF-16 for the command-line tools.
-std::string Utf8(const std::wstring& text);
-std::wstring Wide(const std::string& utf8);

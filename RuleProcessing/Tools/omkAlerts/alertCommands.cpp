@@ -28,13 +28,13 @@ BOOL WINAPI OnConsoleControl(DWORD control) {
 
 // A record whose text is no alert document: said once, and the run goes on.
 void ComplainNotXml(const ALERT_DB_ROW& row) {
-    Complain("the alert created " + IsoTime(row.creationTime) + " (" + std::to_string(row.creationTime) +
+    Complain("the alert created " + IsoUtcText(row.creationTime) + " (" + std::to_string(row.creationTime) +
              ") is not well-formed alert XML; see its text with: omk-alerts show " + std::to_string(row.creationTime));
 }
 
 bool OpenDatabase(ReadOnlyDatabase& database, const Options& options) {
     std::string problem;
-    if (database.Open(FromUtf8(options.db), &problem)) return true;
+    if (database.Open(Wide(options.db), &problem)) return true;
     Complain(problem + (options.db.empty() ? " (--db PATH reads another file)" : ""));
     return false;
 }
@@ -135,8 +135,8 @@ int ShowCommand(const Options& options) {
             if (parsed) {
                 StdOut().Write(Details(stored, names));
             } else {
-                StdOut().Write("Creation time  " + IsoTime(row.creationTime) + " (" + std::to_string(row.creationTime) +
-                               ")\r\nStored         " + IsoTime(row.storedUtc) + "\r\n");
+                StdOut().Write("Creation time  " + IsoUtcText(row.creationTime) + " (" + std::to_string(row.creationTime) +
+                               ")\r\nStored         " + IsoUtcText(row.storedUtc) + "\r\n");
                 Complain("its stored text is not well-formed alert XML");
             }
             StdOut().Write("Stored XML (" + std::to_string(row.xmlBytes) + " bytes):\r\n" +
@@ -149,7 +149,7 @@ int ShowCommand(const Options& options) {
         return kExitNoDatabase;
     }
     if (!found) {
-        Complain(byTime ? "no stored alert was created at " + IsoTime(creationTime) + " (" +
+        Complain(byTime ? "no stored alert was created at " + IsoUtcText(creationTime) + " (" +
                               std::to_string(creationTime) + ")"
                         : "no stored alert has the AlertId " + alertId);
     }
@@ -163,7 +163,7 @@ int ExportCommand(const Options& options) {
     if (!OpenDatabase(database, options)) return kExitNoDatabase;
     Output file(STD_OUTPUT_HANDLE);
     Output& out = options.output.empty() ? StdOut() : file;
-    if (!options.output.empty() && !out.CreateFileOutput(FromUtf8(options.output))) {
+    if (!options.output.empty() && !out.CreateFileOutput(Wide(options.output))) {
         Complain("cannot create " + options.output + " (error " + std::to_string(GetLastError()) + ")");
         return kExitNoDatabase;
     }
@@ -212,7 +212,7 @@ int ExportCommand(const Options& options) {
 
 int FollowCommand(const Options& options) {
     // A product that has stored nothing yet has no database: it is waited for.
-    const std::wstring path = ReadOnlyDatabase::Resolve(FromUtf8(options.db));
+    const std::wstring path = ReadOnlyDatabase::Resolve(Wide(options.db));
     ReadOnlyDatabase database;
     bool open = false;
     unsigned long long lastId = 0;
@@ -221,7 +221,7 @@ int FollowCommand(const Options& options) {
         open = true;
         lastId = database.Summary().lastId;
     } else {
-        Complain("no alert database at " + ToUtf8(path) + " yet: waiting for the first alert");
+        Complain("no alert database at " + Utf8(path) + " yet: waiting for the first alert");
     }
     g_stopFollowing = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     SetConsoleCtrlHandler(OnConsoleControl, TRUE);

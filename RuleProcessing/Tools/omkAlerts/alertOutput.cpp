@@ -91,7 +91,7 @@ void Output::Write(const std::string& utf8) {
 bool Output::Flush() {
     if (!buffer_.empty() && !failed_) {
         if (console_) {
-            const std::wstring wide = FromUtf8(buffer_);
+            const std::wstring wide = Wide(buffer_);
             DWORD written = 0;
             failed_ = !WriteConsoleW(handle_, wide.data(), static_cast<DWORD>(wide.size()), &written, nullptr);
         } else {
@@ -126,14 +126,14 @@ std::string ListLine(const StoredAlert& stored, const AlertElement& alert, const
         items += (items.empty() ? "" : ", ") + item.name + "=" + Shorten(item.value, kShortValueBytes);
     }
     if (!alert.itemsTag.empty()) items = alert.itemsTag + "{" + items + "}";
-    return IsoTime(stored.creationTime) + "  " + (ruleName.empty() ? "-" : ruleName) + " " + alert.ruleGuid + "  " +
+    return IsoUtcText(stored.creationTime) + "  " + (ruleName.empty() ? "-" : ruleName) + " " + alert.ruleGuid + "  " +
            alert.ruleType + "  \"" + alert.message + "\"" +
            (items.empty() ? "" : "  " + Shorten(items, kShortItemsBytes)) + "\r\n";
 }
 
 std::string Details(const StoredAlert& stored, RuleNames& names) {
-    std::string text = "Creation time  " + IsoTime(stored.creationTime) + " (" + std::to_string(stored.creationTime) +
-                       ")\r\nStored         " + IsoTime(stored.storedUtc) + "\r\nService tag    " + stored.serviceTag +
+    std::string text = "Creation time  " + IsoUtcText(stored.creationTime) + " (" + std::to_string(stored.creationTime) +
+                       ")\r\nStored         " + IsoUtcText(stored.storedUtc) + "\r\nService tag    " + stored.serviceTag +
                        "\r\n";
     for (size_t i = 0; i < stored.alerts.size(); ++i) {
         const AlertElement& alert = stored.alerts[i];
@@ -150,8 +150,8 @@ std::string Details(const StoredAlert& stored, RuleNames& names) {
 
 std::string RecordJson(const StoredAlert& stored, RuleNames& names) {
     Json json;
-    json["creationTime"] = IsoTime(stored.creationTime);
-    json["storedUtc"] = IsoTime(stored.storedUtc);
+    json["creationTime"] = IsoUtcText(stored.creationTime);
+    json["storedUtc"] = IsoUtcText(stored.storedUtc);
     json["serviceTag"] = stored.serviceTag;
     json["alerts"] = Json::array();
     for (const AlertElement& alert : stored.alerts) {
@@ -164,8 +164,8 @@ std::string RecordJson(const StoredAlert& stored, RuleNames& names) {
 
 std::string AlertJson(const StoredAlert& stored, const AlertElement& alert, const std::string& ruleName) {
     Json json;
-    json["creationTime"] = IsoTime(stored.creationTime);
-    json["storedUtc"] = IsoTime(stored.storedUtc);
+    json["creationTime"] = IsoUtcText(stored.creationTime);
+    json["storedUtc"] = IsoUtcText(stored.storedUtc);
     json["serviceTag"] = stored.serviceTag;
     AddAlertFields(json, alert, ruleName);
     return Dump(json);
@@ -185,7 +185,7 @@ std::string CsvRow(const StoredAlert& stored, const AlertElement& alert, const s
                                                    &alert.dateTime, &alert.message, &alert.itemsTag, &items}) {
         row += "," + CsvField(*field);
     }
-    return IsoTime(stored.creationTime) + "," + IsoTime(stored.storedUtc) + "," + CsvField(stored.serviceTag) + row +
+    return IsoUtcText(stored.creationTime) + "," + IsoUtcText(stored.storedUtc) + "," + CsvField(stored.serviceTag) + row +
            "\r\n";
 }
 
@@ -198,8 +198,8 @@ std::string XmlRecord(const StoredAlert& stored, const char* xml, size_t bytes) 
         text.erase(0, end == std::string::npos ? text.size() : text.find_first_not_of("\r\n", end + 2));
     }
     if (text.empty() || text.back() != '\n') text += "\r\n";
-    return "<StoredAlert creationTime=\"" + XmlAttribute(IsoTime(stored.creationTime)) + "\" storedUtc=\"" +
-           XmlAttribute(IsoTime(stored.storedUtc)) + "\">\r\n" + text + "</StoredAlert>\r\n";
+    return "<StoredAlert creationTime=\"" + XmlAttribute(IsoUtcText(stored.creationTime)) + "\" storedUtc=\"" +
+           XmlAttribute(IsoUtcText(stored.storedUtc)) + "\">\r\n" + text + "</StoredAlert>\r\n";
 }
 
 }  // namespace omkalerts

@@ -68,7 +68,7 @@ void CheckService(Report& report) {
 }
 
 bool CheckDatabase(Report& report, ReadOnlyDatabase& database, const std::wstring& path) {
-    report.Line("Database " + ToUtf8(path));
+    report.Line("Database " + Utf8(path));
     std::string problem;
     if (!database.Open(path, &problem)) {
         report.Finding(problem);
@@ -83,8 +83,8 @@ bool CheckDatabase(Report& report, ReadOnlyDatabase& database, const std::wstrin
     const ALERT_DB_SUMMARY& summary = database.Summary();
     report.Line("  " + std::to_string(summary.count) + " records" +
                 (summary.count == 0 ? std::string()
-                                    : ", the newest created " + IsoTime(summary.newestCreationTime) + " (stored " +
-                                          IsoTime(summary.newestStoredUtc) + ")"));
+                                    : ", the newest created " + IsoUtcText(summary.newestCreationTime) + " (stored " +
+                                          IsoUtcText(summary.newestStoredUtc) + ")"));
     return true;
 }
 
@@ -104,7 +104,7 @@ std::string WhyUnstored(const std::wstring& folder, const std::wstring& name) {
     }
     free(bytes);
     --g_allocCount;
-    return "well-formed, but no record has its creation time " + IsoTime(creationTime) +
+    return "well-formed, but no record has its creation time " + IsoUtcText(creationTime) +
            " (its store failed, or the record was trimmed)";
 }
 
@@ -122,10 +122,10 @@ void CheckArchive(Report& report, const std::wstring& folder) {
     for (const std::wstring& name : names) {
         const std::string why = WhyUnstored(folder, name);
         if (why.empty()) continue;
-        unstored.push_back(ToUtf8(name) + ": " + why + "\r\n      inspect it with: type \"" +
-                           ToUtf8(folder + L"\\" + name) + "\"");
+        unstored.push_back(Utf8(name) + ": " + why + "\r\n      inspect it with: type \"" +
+                           Utf8(folder + L"\\" + name) + "\"");
     }
-    report.Line("Archive " + ToUtf8(folder) + ": " + std::to_string(names.size()) + " alert files, " +
+    report.Line("Archive " + Utf8(folder) + ": " + std::to_string(names.size()) + " alert files, " +
                 std::to_string(unstored.size()) + " not in the database");
     for (const std::string& line : unstored) report.Finding("  " + line);
 }
@@ -140,7 +140,7 @@ struct PluginWalk {
 bool CheckPlugin(void* context, const wchar_t* name, const wchar_t* dllPath) {
     PluginWalk* walk = static_cast<PluginWalk*>(context);
     ++walk->visited;
-    const std::string line = std::string(walk->kind) + "\\" + ToUtf8(name) + ": " + ToUtf8(dllPath);
+    const std::string line = std::string(walk->kind) + "\\" + Utf8(name) + ": " + Utf8(dllPath);
     WORD version[4] = {};
     if (GetFileAttributesW(dllPath) == INVALID_FILE_ATTRIBUTES) {
         walk->report->Finding("  " + line + ": the file is missing");
@@ -189,7 +189,7 @@ void ShowErrorLog(Report& report, const std::wstring& folder) {
     WIN32_FIND_DATAW found;
     HANDLE find = FindFirstFileW((folder + L"\\*_OMKW_Errlog.txt").c_str(), &found);
     if (find == INVALID_HANDLE_VALUE) {
-        report.Line("Error log: none in " + ToUtf8(folder));
+        report.Line("Error log: none in " + Utf8(folder));
         return;
     }
     std::wstring newest;
@@ -230,7 +230,7 @@ void ShowErrorLog(Report& report, const std::wstring& folder) {
         begin = end + 1;
     }
     if (lines.size() > kErrorLogLines) lines.erase(lines.begin(), lines.end() - kErrorLogLines);
-    report.Line("Error log " + ToUtf8(path) + ", its last lines:");
+    report.Line("Error log " + Utf8(path) + ", its last lines:");
     for (const std::string& line : lines) report.Line("  " + line);
 }
 
@@ -242,27 +242,27 @@ int DoctorCommand(const Options& options) {
 
     // The service's own data folder may differ from this process's (under
     // Wine a service's %ProgramData% is C:\users\Public): say which was read.
-    std::wstring data = FromUtf8(options.data), archive, log, databasePath;
+    std::wstring data = Wide(options.data), archive, log, databasePath;
     if (data.empty()) {
         const CDef& folders = CDef::GetInstance();
         data = folders.FOLDER_OMK_STORAGE_LOCATION;
         archive = folders.FOLDER_OMK_ALERT;
         log = folders.FOLDER_OMK_LOG;
-        databasePath = ReadOnlyDatabase::Resolve(FromUtf8(options.db));
-        report.Line("Data folder " + ToUtf8(data) +
+        databasePath = ReadOnlyDatabase::Resolve(Wide(options.db));
+        report.Line("Data folder " + Utf8(data) +
                     " (this process's; --data FOLDER looks in another, such as the service's)");
     } else {
         archive = data + L"\\Archive";
         log = data + L"\\Log";
-        databasePath = options.db.empty() ? data + L"\\Data\\omkAlerts.db" : FromUtf8(options.db);
-        report.Line("Data folder " + ToUtf8(data));
+        databasePath = options.db.empty() ? data + L"\\Data\\omkAlerts.db" : Wide(options.db);
+        report.Line("Data folder " + Utf8(data));
     }
 
     ReadOnlyDatabase database;
     if (CheckDatabase(report, database, databasePath)) {
         CheckArchive(report, archive);
     } else {
-        report.Line("Archive " + ToUtf8(archive) + ": not checked, since the database cannot be read");
+        report.Line("Archive " + Utf8(archive) + ": not checked, since the database cannot be read");
     }
     CheckPlugins(report);
     ShowErrorLog(report, log);

@@ -88,7 +88,7 @@ int wmain(int argc, wchar_t** argv) {
     // held here for the whole run, so that the loads do not start COM anew.
     const HRESULT com = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
     std::vector<std::string> utf8;
-    for (int i = 0; i < argc; ++i) utf8.push_back(omkalerts::ToUtf8(argv[i]));
+    for (int i = 0; i < argc; ++i) utf8.push_back(Utf8(argv[i]));
     std::vector<char*> args;
     for (std::string& arg : utf8) args.push_back(&arg[0]);
     int result = omkalerts::kExitNoDatabase;

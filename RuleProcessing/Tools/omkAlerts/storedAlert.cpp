@@ -20,7 +20,7 @@ constexpr unsigned int kHeadCount = sizeof(kHeadElements) / sizeof(kHeadElements
 
 // Takes a BSTR the XML access layer handed out: its text, and frees it.
 std::string Take(BSTR text) {
-    std::string value = text != nullptr ? ToUtf8(std::wstring(text, SysStringLen(text))) : std::string();
+    std::string value = text != nullptr ? Utf8(std::wstring(text, SysStringLen(text))) : std::string();
     SysFreeString(text);
     return value;
 }
@@ -44,38 +44,10 @@ std::string ElementName(const std::wstring& outerXml) {
     size_t start = outerXml.find(L'<');
     if (start == std::wstring::npos) return std::string();
     size_t end = outerXml.find_first_of(L" \t\r\n/>", start + 1);
-    return ToUtf8(outerXml.substr(start + 1, end == std::wstring::npos ? std::wstring::npos : end - start - 1));
+    return Utf8(outerXml.substr(start + 1, end == std::wstring::npos ? std::wstring::npos : end - start - 1));
 }
 
 }  // namespace
-
-std::string ToUtf8(const std::wstring& text) {
-    if (text.empty()) return std::string();
-    int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string out(static_cast<size_t>(n > 0 ? n : 0), '\0');
-    if (n > 0)
-        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
-    return out;
-}
-
-std::wstring FromUtf8(const std::string& text) {
-    if (text.empty()) return std::wstring();
-    int n = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring out(static_cast<size_t>(n > 0 ? n : 0), L'\0');
-    if (n > 0) MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n);
-    return out;
-}
-
-std::string IsoTime(unsigned long long fileTime) {
-    FILETIME time = {static_cast<DWORD>(fileTime), static_cast<DWORD>(fileTime >> 32)};
-    SYSTEMTIME utc;
-    if (fileTime == 0 || !FileTimeToSystemTime(&time, &utc)) return std::string();
-    char text[32];
-    _snprintf(text, sizeof(text), "%04u-%02u-%02uT%02u:%02u:%02uZ", utc.wYear, utc.wMonth, utc.wDay, utc.wHour,
-              utc.wMinute, utc.wSecond);
-    text[sizeof(text) - 1] = '\0';
-    return text;
-}
 
 bool ParseTime(const std::string& text, unsigned long long* fileTime) {
     // A FILETIME of this era has 18 digits; a shorter number is more likely a year or date mistyped.
@@ -125,7 +97,7 @@ bool AlertParser::Load(IXMLDOMDocument** doc, const std::wstring& text) {
 
 bool AlertParser::IsAlertDocument(const char* utf8, size_t bytes) {
     unsigned int roots = 0;
-    return Load(&record_, FromUtf8(std::string(utf8, bytes))) &&
+    return Load(&record_, Wide(std::string(utf8, bytes))) &&
            GetNumInstancesInXml(record_, L"/TolvaneAlerts", &roots) && roots == 1;
 }
 
@@ -146,7 +118,7 @@ bool AlertParser::ParseAlert(const std::wstring& xml, AlertElement* alert) {
     if (!Load(&alert_, xml)) return false;
     std::string* head[] = {&alert->alertId, &alert->ruleGuid, &alert->ruleType, &alert->dateTime, &alert->message};
     for (unsigned int i = 0; i < kHeadCount; ++i) {
-        *head[i] = ElementText(alert_, (L"/Alert/" + FromUtf8(kHeadElements[i])).c_str());
+        *head[i] = ElementText(alert_, (L"/Alert/" + Wide(kHeadElements[i])).c_str());
     }
     // The children after the head are the data items, each alone or all in one enclosing element.
     unsigned int children = 0;

@@ -11,14 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "utf8Text.h"
+
 namespace omkalerts {
 
-// Texts are UTF-8 throughout the tool.
-std::string ToUtf8(const std::wstring& text);
-std::wstring FromUtf8(const std::string& text);
-
-// A FILETIME number as "YYYY-MM-DDThh:mm:ssZ" (UTC); "" for 0.
-std::string IsoTime(unsigned long long fileTime);
 // "YYYY-MM-DD", "YYYY-MM-DDThh:mm[:ss][Z]" (also with a blank for the T), all
 // UTC, or a FILETIME number (15 to 19 digits); false when the text is none of these.
 bool ParseTime(const std::string& text, unsigned long long* fileTime);

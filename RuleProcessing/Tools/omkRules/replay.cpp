@@ -199,17 +199,6 @@ bool ParseClock(const std::string& text, ULONGLONG* utc, int* offsetMinutes) {
     return true;
 }
 
-std::string ClockText(ULONGLONG utc) {
-    FILETIME value = {static_cast<DWORD>(utc), static_cast<DWORD>(utc >> 32)};
-    SYSTEMTIME time;
-    FileTimeToSystemTime(&value, &time);
-    char text[32];
-    _snprintf(text, sizeof(text), "%04u-%02u-%02uT%02u:%02u:%02uZ", time.wYear, time.wMonth, time.wDay, time.wHour,
-              time.wMinute, time.wSecond);
-    text[31] = '\0';
-    return text;
-}
-
 // What differs between runs and is no finding: the sandbox's path, the
 // machine's service tag, the alert ids (random per event), and the alerts'
 // time stamps (plugins stamp theirs with the machine's clock).
@@ -388,7 +377,7 @@ int RunReplay(const REPLAY_OPTIONS& options) {
     json result = {{"rulesFile", Utf8(rules)},
                    {"eventsFile", Utf8(FullPath(options.events))},
                    {"out", Utf8(sandbox.Folder())},
-                   {"clock", ClockText(clock)},
+                   {"clock", IsoUtcText(clock)},
                    {"results", json::array()}};
     json summary = {{"replayed", 0}, {"stored", 0}, {"badLines", 0}, {"faults", 0}, {"timeouts", 0}};
     const std::wstring commandLine = WorkerCommandLine(options, rules, sandbox.Folder(), offset);
@@ -431,7 +420,7 @@ int RunReplay(const REPLAY_OPTIONS& options) {
             continue;
         }
         entry["event"] = json::parse(line.text, nullptr, false);
-        entry["at"] = ClockText(at);
+        entry["at"] = IsoUtcText(at);
         if (!running) {
             entry["skipped"] = "the engine is not running";
             result["results"].push_back(entry);
