@@ -112,12 +112,8 @@ int CampaignMain(const Options& options) {
     const ULONGLONG start = GetTickCount64();
     omkfuzz::Tally tally;
     std::vector<std::string> problems;
-    omkfuzz::InstalledProduct product;
-    svctest::InstalledService service;
-    svctest::Collector starter;
-    DWORD process = 0;
-    omkfuzz::Memory before;
-    if (!omkfuzz::SettledService("collector calls", product, service, starter, &process, &before)) return 2;
+    omkfuzz::CampaignService target;
+    if (!target.Settle("collector calls")) return 2;
 
     uint64_t replayCount = 0;
     const std::wstring replays = options.corpus.empty() ? L"" : Replays(options.corpus, &replayCount);
@@ -166,14 +162,14 @@ int CampaignMain(const Options& options) {
 
     // What it holds queued; the same process, still answering, and a stop in
     // time with the queue full.
-    const omkfuzz::Memory after = omkfuzz::ProcessMemory(process);
+    const omkfuzz::Memory after = omkfuzz::ProcessMemory(target.process);
     const double payloadMiB = payload / 1048576.0;
     const double bound = kPayloadFactor * payloadMiB + kOverheadAllowanceMiB;
-    if (after.working - before.working > bound) {
+    if (after.working - target.settled.working > bound) {
         ++tally.failures;
         problems.push_back("working set grew beyond its bound");
     }
-    omkfuzz::CheckServiceAfterCalls(service, starter, process, tally, problems);
+    target.CheckAfterCalls(tally, problems);
     // Started again, the service stores a well-formed call's alert.
     const ULONGLONG latest = svctest::LatestAlertTime();
     svctest::Collector collector;
@@ -185,7 +181,7 @@ int CampaignMain(const Options& options) {
         problems.push_back("started again, the service did not store a well-formed call's alert");
     }
     collector.Release();
-    service.StopAndWait();
+    target.service.StopAndWait();
 
     tally.seconds = static_cast<double>(GetTickCount64() - start) / 1000.0;
     for (const std::string& problem : problems) fprintf(stderr, "collector calls: %s\n", problem.c_str());
@@ -193,7 +189,7 @@ int CampaignMain(const Options& options) {
     _snprintf(extra, sizeof(extra) - 1,
               "%llu of them corpus replays, %u client processes, %llu accepted, queued payload %.1f MiB, service "
               "working set %.1f -> %.1f MiB (peak %.1f), bound: growth <= %.0f x payload + %.0f MiB",
-              static_cast<unsigned long long>(replayCount), options.clients, accepted, payloadMiB, before.working,
+              static_cast<unsigned long long>(replayCount), options.clients, accepted, payloadMiB, target.settled.working,
               after.working, after.peak, kPayloadFactor, kOverheadAllowanceMiB);
     extra[sizeof(extra) - 1] = '\0';
     omkfuzz::PrintLine("collector calls", tally, extra);

@@ -72,12 +72,8 @@ int CampaignMain(int clients, int calls) {
     const ULONGLONG start = GetTickCount64();
     omkfuzz::Tally tally;
     std::vector<std::string> problems;
-    omkfuzz::InstalledProduct product;
-    svctest::InstalledService service;
-    svctest::Collector starter;
-    DWORD process = 0;
-    omkfuzz::Memory before;
-    if (!omkfuzz::SettledService("load", product, service, starter, &process, &before)) return 2;
+    omkfuzz::CampaignService target;
+    if (!target.Settle("load")) return 2;
 
     omktest::TempFolder scratch;
     HANDLE go = CreateEventW(nullptr, TRUE, FALSE, kGoEvent);
@@ -90,11 +86,11 @@ int CampaignMain(int clients, int calls) {
     Sleep(3000);  // every client connected and waiting
     const ULONGLONG loadStart = GetTickCount64();
     SetEvent(go);
-    double peak = before.working;
+    double peak = target.settled.working;
     for (HANDLE p : processes) {
         // Sampled while the calls arrive; each client is given ten minutes.
         while (p != nullptr && WaitForSingleObject(p, 100) == WAIT_TIMEOUT) {
-            peak = std::max(peak, omkfuzz::ProcessMemory(process).working);
+            peak = std::max(peak, omkfuzz::ProcessMemory(target.process).working);
             if (GetTickCount64() - loadStart > 600000) {
                 ++tally.hangs;
                 problems.push_back("a client did not finish its calls in ten minutes");
@@ -123,15 +119,15 @@ int CampaignMain(int clients, int calls) {
             problems.push_back("client " + std::to_string(c) + ": " + line);
         }
     }
-    const omkfuzz::Memory after = omkfuzz::ProcessMemory(process);
+    const omkfuzz::Memory after = omkfuzz::ProcessMemory(target.process);
     peak = std::max(peak, after.working);
     const double payload = static_cast<double>(answered) * static_cast<double>(QueuedBytesPerCall()) / 1048576.0;
     const double bound = kPayloadFactor * payload + kPerClientMiB * clients;
-    if (peak - before.working > bound) {
+    if (peak - target.settled.working > bound) {
         ++tally.failures;
         problems.push_back("the working set grew beyond its bound");
     }
-    omkfuzz::CheckServiceAfterCalls(service, starter, process, tally, problems);
+    target.CheckAfterCalls(tally, problems);
 
     tally.seconds = static_cast<double>(GetTickCount64() - start) / 1000.0;
     for (const std::string& problem : problems) fprintf(stderr, "load: %s\n", problem.c_str());
@@ -139,8 +135,8 @@ int CampaignMain(int clients, int calls) {
     _snprintf(extra, sizeof(extra) - 1,
               "%d processes x %d calls, %lld answered in %.1f s (%.0f calls/s), queued payload %.1f MiB, service "
               "working set %.1f -> %.1f MiB (peak %.1f, growth %.1f MiB; bound %.0f x payload + %.0f MiB a process)",
-              clients, calls, answered, loadSeconds, answered / std::max(loadSeconds, 0.001), payload, before.working,
-              after.working, peak, peak - before.working, kPayloadFactor, kPerClientMiB);
+              clients, calls, answered, loadSeconds, answered / std::max(loadSeconds, 0.001), payload, target.settled.working,
+              after.working, peak, peak - target.settled.working, kPayloadFactor, kPerClientMiB);
     extra[sizeof(extra) - 1] = '\0';
     omkfuzz::PrintLine("load", tally, extra);
     return tally.crashes + tally.hangs + tally.failures == 0 ? 0 : 1;

@@ -47,15 +47,14 @@ Memory ProcessMemory(DWORD processId) {
     return memory;
 }
 
-bool SettledService(const char* campaign, const InstalledProduct& product, svctest::InstalledService& service,
-                    svctest::Collector& collector, DWORD* process, Memory* memory) {
+bool CampaignService::Settle(const char* campaign) {
     if (!product.Ok() || FAILED(collector.Connect()) || !service.WaitForState(SERVICE_RUNNING)) {
         fprintf(stderr, "%s: the product did not install or the service does not run\n", campaign);
         return false;
     }
-    *process = service.ProcessId();
+    process = service.ProcessId();
     Sleep(2000);  // settled after its start
-    *memory = ProcessMemory(*process);
+    settled = ProcessMemory(process);
     service.MarkLogs();
     return true;
 }
@@ -68,8 +67,7 @@ void AddMessageKinds(const std::string& logText, std::set<std::string>* kinds) {
     }
 }
 
-bool CheckServiceAfterCalls(svctest::InstalledService& service, svctest::Collector& collector, DWORD process,
-                            Tally& tally, std::vector<std::string>& problems) {
+bool CampaignService::CheckAfterCalls(Tally& tally, std::vector<std::string>& problems) {
     HANDLE handle = OpenProcess(SYNCHRONIZE, FALSE, process);
     const bool alive = handle != nullptr && WaitForSingleObject(handle, 0) == WAIT_TIMEOUT;
     if (handle != nullptr) CloseHandle(handle);

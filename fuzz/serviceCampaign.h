@@ -50,22 +50,29 @@ struct Memory {
 };
 Memory ProcessMemory(DWORD processId);
 
-// The service the package started, connected to by `collector` and settled:
-// its process and memory, its logs marked. False, told on stderr under
-// `campaign`, when the product did not install or the service does not run.
-bool SettledService(const char* campaign, const InstalledProduct& product, svctest::InstalledService& service,
-                    svctest::Collector& collector, DWORD* process, Memory* memory);
+// The product installed by its package and the service it started, with a
+// collector connected: what a campaign of calls to the service works on.
+struct CampaignService {
+    InstalledProduct product;  // first: the service exists once it is made
+    svctest::InstalledService service;
+    svctest::Collector collector;
+    DWORD process = 0;
+    Memory settled;  // the service's memory before the campaign's calls
+
+    // Connects and lets the service settle: its process and memory taken, its
+    // logs marked. False, told on stderr under `campaign`, when the product
+    // did not install or the service does not run.
+    bool Settle(const char* campaign);
+    // After the campaign's calls: the same service process still runs and
+    // answers a well-formed call, and its stop with the queue full ends in
+    // time with exit code 0. What broke is counted in `tally` and told in
+    // `problems`; the service's messages since its mark are added; the
+    // service is stopped after. False when the process did not survive.
+    bool CheckAfterCalls(Tally& tally, std::vector<std::string>& problems);
+};
 
 // Adds the kinds of the messages in an error log's text to `kinds`.
 void AddMessageKinds(const std::string& logText, std::set<std::string>* kinds);
-
-// After a campaign's calls: the same service process still runs and answers a
-// well-formed call, and its stop with the queue full ends in time with exit
-// code 0. What broke is counted in `tally` and told in `problems`; the
-// service's messages since its mark are added; the service is stopped after.
-// False when the process did not survive.
-bool CheckServiceAfterCalls(svctest::InstalledService& service, svctest::Collector& collector, DWORD process,
-                            Tally& tally, std::vector<std::string>& problems);
 
 // Heap bytes the service keeps for one queued rule event: the item, its copies
 // of the strings (the tag only with arrays), and SafeArrayCopy of each of the
