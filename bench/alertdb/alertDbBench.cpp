@@ -28,15 +28,10 @@
 #include "omkErrors.h"
 #include "sqlite3.h"
 #include "textFileHelpers.h"
+#include "utf8Text.h"
 #include "xmlAccess.h"
 
 namespace {
-
-std::string Utf8(const std::wstring& text) {
-    char buffer[MAX_PATH * 3];
-    WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, buffer, sizeof(buffer), nullptr, nullptr);
-    return buffer;
-}
 
 // A 2 KB alert file's text (2048 bytes).
 std::string Alert(unsigned long long creationTime) {

@@ -19,14 +19,9 @@
 
 #include "benchSupport.h"
 #include "sqlite3.h"
+#include "utf8Text.h"
 
 namespace {
-
-std::string Utf8(const std::wstring& text) {
-    char buffer[MAX_PATH * 3];
-    WideCharToMultiByte(CP_UTF8, 0, text.c_str(), -1, buffer, sizeof(buffer), nullptr, nullptr);
-    return buffer;
-}
 
 // An alert file as the service writes it for a collector event of 8 items.
 std::string Alert(int i) {
